@@ -1,0 +1,2 @@
+/* A valid shared library that offers no renderer. */
+int notARendererPlugin(void) { return 1; }
