@@ -93,7 +93,7 @@ TEST_P(DyingParent, EndsTheProbeWithThreeLines) {
                             std::to_string(getProcessCreationTime(parent.pid, nullptr));
   Child probe = startProbe({{kVariable, value}});
   const ProbeReport report = readReport(probe);
-  EXPECT_EQ(report.threads, 2) << "the watchdog thread should be running";
+  EXPECT_EQ(report.threads, 1) << "the watchdog thread should be running";
   EXPECT_EQ(report.published, identity(probe.pid));
 
   kill(parent.pid, SIGKILL);
@@ -153,7 +153,7 @@ TEST(Watchdog, NoUsableValueMeansNoThreadButThisProcessIsPublished) {
     SCOPED_TRACE(testCase.first ? "value \"" + *testCase.first + "\"" : "unset");
     Child probe = startProbe({{kVariable, testCase.first}});
     const ProbeReport report = readReport(probe);
-    EXPECT_EQ(report.threads, 1);
+    EXPECT_EQ(report.threads, 0);
     EXPECT_EQ(report.published, identity(probe.pid));
     killAndReap(probe);
     EXPECT_EQ(readToEnd(probe.err), testCase.second);
@@ -169,9 +169,9 @@ TEST(Watchdog, ChainEndsOneLevelPerInterval) {
   std::vector<ProbeReport> reports;
   for (int i = 0; i < 3; ++i) reports.push_back(readReport(top));
   ASSERT_EQ(reports[0].pid, top.pid);
-  EXPECT_EQ(reports[0].threads, 1);
-  EXPECT_EQ(reports[1].threads, 2);
-  EXPECT_EQ(reports[2].threads, 2);
+  EXPECT_EQ(reports[0].threads, 0);
+  EXPECT_EQ(reports[1].threads, 1);
+  EXPECT_EQ(reports[2].threads, 1);
   const pid_t middle = reports[1].pid;
   const pid_t bottom = reports[2].pid;
 

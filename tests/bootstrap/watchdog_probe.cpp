@@ -1,6 +1,6 @@
 // Runs the controlling-process step the way kindlet does and reports what it
 // did on standard output:
-//   pid=<pid> published=<variable or "-"> threads=<threads of this process>
+//   pid=<pid> published=<variable or "-"> threads=<threads the step started>
 // then waits until the watchdog (or a signal) ends it. With an argument N > 1
 // it first starts a copy of itself with N - 1, which makes a chain of
 // processes that each watch the one above.
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "UTIL/src/SelvaneBootstrap.h"
 
@@ -32,14 +33,22 @@ int countThreads() {
 
 }  // namespace
 
+// Under the thread sanitizer an exit would otherwise wait a second for other
+// threads, which hides the timing of the watchdog.
+extern "C" const char* __tsan_default_options() { return "atexit_sleep_ms=0"; }
+
 int main(int argc, char** argv) {
   const int depth = argc > 1 ? atoi(argv[1]) : 1;
 
+  // Sanitizer runtimes start helper threads with the first thread of the
+  // process; get that done, then count only what the step adds.
+  std::thread([] {}).join();
+  const int threadsBefore = countThreads();
   bootstrapControllingProcess();
 
   const char* published = getenv("__SELVANE_CONTROLLING_PROCESS");
   printf("pid=%d published=%s threads=%d\n", static_cast<int>(getpid()),
-         published != nullptr ? published : "-", countThreads());
+         published != nullptr ? published : "-", countThreads() - threadsBefore);
   fflush(stdout);
 
   if (depth > 1) {
