@@ -88,6 +88,11 @@ class DataAttribute : public Attribute {
   std::vector<T> getValues() const;
 };
 
+// Instantiated in the library only.
+extern template class DataAttribute<int32_t, kTypeInt>;
+extern template class DataAttribute<float, kTypeFloat>;
+extern template class DataAttribute<double, kTypeDouble>;
+
 using IntAttribute = DataAttribute<int32_t, kTypeInt>;
 using FloatAttribute = DataAttribute<float, kTypeFloat>;
 using DoubleAttribute = DataAttribute<double, kTypeDouble>;
@@ -133,7 +138,10 @@ class GroupBuilder {
   GroupBuilder& operator=(const GroupBuilder&) = delete;
 
   // Sets a child; a dotted name ("a.b") creates or enters intermediate groups.
-  // groupInherit marks intermediate groups created on the way.
+  // groupInherit marks intermediate groups created on the way (existing
+  // groups keep their flag; a non-group on the way is replaced). An invalid
+  // attr removes the child; an empty name or one with an empty segment
+  // ("a..b", ".a", "a.") is ignored.
   GroupBuilder& set(const std::string& name, const Attribute& attr,
                     bool groupInherit = true);
   // Shallow merge: each child of `group` replaces the same-named child here
@@ -145,6 +153,7 @@ class GroupBuilder {
   GroupBuilder& setGroupInherit(bool groupInherit);
   bool isValid() const { return true; }
 
+  // BuildAndFlush also resets groupInherit to its default, true.
   GroupAttribute build(int mode = BuildAndFlush);
 
  private:
