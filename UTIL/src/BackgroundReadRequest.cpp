@@ -1,0 +1,68 @@
+#include <memory>
+
+#include <boost/bind/bind.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/thread/thread.hpp>
+
+#include "UTIL/src/TCPSocketImpl.h"
+#include "base/ProcessIdentity.h"
+#include "base/WaitForReadable.h"
+
+namespace UTIL {
+namespace IPC {
+
+TCPSocketImpl::BackgroundReadRequest::BackgroundReadRequest(
+    boost::shared_ptr<TCPSocketImpl> socket_, ReadCallback* callback_)
+    : socket(std::move(socket_)), callback(callback_), cancelled(0), threadId(-1) {}
+
+// The events close themselves, `stopped` first (reverse order of members).
+TCPSocketImpl::BackgroundReadRequest::~BackgroundReadRequest() = default;
+
+boost::shared_ptr<TCPSocketImpl::BackgroundReadRequest> TCPSocketImpl::BackgroundReadRequest::start(
+    boost::shared_ptr<TCPSocketImpl> socket, ReadCallback* callback) {
+  boost::shared_ptr<BackgroundReadRequest> request(
+      new BackgroundReadRequest(std::move(socket), callback));
+  boost::thread reader(boost::bind(&BackgroundReadRequest::run, request.get(), request));
+  reader.detach();
+  return request;
+}
+
+void TCPSocketImpl::BackgroundReadRequest::run(boost::shared_ptr<BackgroundReadRequest> self) {
+  (void)self;  // keeps the request alive while the thread runs
+  __atomic_store_n(&threadId, Arbolite3::Base::getThreadId(), __ATOMIC_RELEASE);
+  for (;;) {
+    const int descriptors[2] = {socket->socket.native_handle(), stopRequested.descriptor()};
+    boost::system::error_code ignored;
+    const int ready = Arbolite3::Base::waitForReadable(descriptors, 2, -1, &ignored);
+    if (ready == -1) continue;
+    if (ready == descriptors[1]) {
+      stopRequested.wait();
+      break;
+    }
+    if (ready != descriptors[0]) continue;
+
+    const size_t size = callback->readSize;
+    if (__atomic_load_n(&cancelled, __ATOMIC_ACQUIRE)) break;
+    std::unique_ptr<Byte[]> buffer(new Byte[size]);
+    const size_t count = socket->read(buffer.get(), size);
+    if (count == 0) {
+      callback->readFailed();
+      break;
+    }
+    if (!callback->readComplete(buffer.get(), count)) break;
+    if (__atomic_load_n(&cancelled, __ATOMIC_ACQUIRE)) break;
+  }
+  stopped.signal();
+}
+
+void TCPSocketImpl::BackgroundReadRequest::cancel() {
+  if (__atomic_exchange_n(&cancelled, 1, __ATOMIC_ACQ_REL) == 1) return;
+  // From inside a callback: the reader stops by itself once the callback
+  // returns; waiting for it here would never end.
+  if (__atomic_load_n(&threadId, __ATOMIC_ACQUIRE) == Arbolite3::Base::getThreadId()) return;
+  stopRequested.signal();
+  stopped.wait();
+}
+
+}  // namespace IPC
+}  // namespace UTIL
