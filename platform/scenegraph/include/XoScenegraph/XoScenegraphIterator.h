@@ -20,6 +20,10 @@ class XoScenegraphIterator {
   // The root location of the file; invalid (with an error log line on the
   // "Arbolite3" channel) when the file is missing, unreadable or malformed.
   static XoScenegraphIterator getIteratorFromFile(const std::string& path);
+  // The same from Op tree JSON text already in memory. Logs nothing: on
+  // failure the iterator is invalid and `error` (when given) says why.
+  static XoScenegraphIterator getIteratorFromText(const std::string& text,
+                                                  std::string* error = nullptr);
 
   bool isValid() const { return handle_ != nullptr; }
   std::string getName() const;
@@ -36,6 +40,7 @@ class XoScenegraphIterator {
   static XoScenegraphIterator fromHandle(XoSgIteratorStruct* handle);  // retains
 
  private:
+  static XoScenegraphIterator adopt(XoSgIteratorStruct* handle);  // takes the reference
   XoSgIteratorStruct* handle_ = nullptr;
 };
 

@@ -1,0 +1,505 @@
+#include "XoScenegraph/AttributeJson.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "JsonLimits.h"
+
+namespace Arbolite3 {
+namespace internal {
+
+using namespace XoAttribute;
+
+namespace detail {
+
+bool parseJson(rapidjson::Document& document, const char* data, size_t size, std::string* error) {
+  document.Parse<kJsonParseFlags>(data, size);
+  if (!document.HasParseError()) return true;
+  if (error != nullptr)
+    *error = "JSON error at byte " + std::to_string(document.GetErrorOffset()) + ": " +
+             rapidjson::GetParseError_En(document.GetParseError());
+  return false;
+}
+
+namespace {
+
+std::string quoted(const std::string& text) { return "\"" + text + "\""; }
+
+bool fail(std::string* error, const std::string& path, const std::string& reason) {
+  if (error != nullptr) *error = path.empty() ? reason : "attribute " + quoted(path) + ": " + reason;
+  return false;
+}
+
+std::string childPath(const std::string& path, const std::string& name) {
+  return path.empty() ? name : path + "." + name;
+}
+
+std::string jsonKey(const rapidjson::Value& key) {
+  return std::string(key.GetString(), key.GetStringLength());
+}
+
+// A child name must survive dotted lookup and the C boundary.
+bool validChildName(const std::string& name, std::string* reason) {
+  if (name.empty()) {
+    *reason = "empty child name";
+    return false;
+  }
+  if (name.find('.') != std::string::npos) {
+    *reason = "child name " + quoted(name) + " contains '.'";
+    return false;
+  }
+  if (name.find('\0') != std::string::npos) {
+    *reason = "child name contains a NUL character";
+    return false;
+  }
+  return true;
+}
+
+bool isIntegerLiteral(const rapidjson::Value& v) { return v.IsInt64() || v.IsUint64(); }
+
+// Element readers for the typed form and the shorthand arrays.
+bool readInt(const rapidjson::Value& v, int32_t* out, std::string* why) {
+  if (v.IsInt()) {
+    *out = v.GetInt();
+    return true;
+  }
+  *why = isIntegerLiteral(v) ? "integer outside the 32-bit range" : "int value expected";
+  return false;
+}
+
+bool readFloat(const rapidjson::Value& v, float* out, std::string* why) {
+  if (!v.IsNumber()) {
+    *why = "number expected";
+    return false;
+  }
+  const double d = v.GetDouble();
+  // Converting a finite double beyond the float range is undefined.
+  if (std::isfinite(d) && std::fabs(d) > FLT_MAX) {
+    *why = "number outside the float range";
+    return false;
+  }
+  *out = static_cast<float>(d);
+  return true;
+}
+
+bool readDouble(const rapidjson::Value& v, double* out, std::string* why) {
+  if (!v.IsNumber()) {
+    *why = "number expected";
+    return false;
+  }
+  *out = v.GetDouble();
+  return true;
+}
+
+bool readString(const rapidjson::Value& v, std::string* out, std::string* why) {
+  if (!v.IsString()) {
+    *why = "string expected";
+    return false;
+  }
+  *out = jsonKey(v);
+  return true;
+}
+
+// `value` is a scalar or an array of scalars.
+template <typename T, typename Reader>
+bool readValues(const rapidjson::Value& value, Reader reader, std::vector<T>* out, std::string* why) {
+  if (!value.IsArray()) {
+    T one{};
+    if (!reader(value, &one, why)) return false;
+    out->push_back(std::move(one));
+    return true;
+  }
+  out->reserve(value.Size());
+  for (rapidjson::SizeType i = 0; i < value.Size(); ++i) {
+    T one{};
+    if (!reader(value[i], &one, why)) {
+      *why = "element " + std::to_string(i) + ": " + *why;
+      return false;
+    }
+    out->push_back(std::move(one));
+  }
+  return true;
+}
+
+Attribute groupFromObject(const rapidjson::Value& object, const std::string& path, int depth,
+                          bool groupInherit, bool reservedNames, std::string* error) {
+  if (depth >= kMaxAttributeDepth) {
+    fail(error, path, "groups nested deeper than " + std::to_string(kMaxAttributeDepth));
+    return Attribute();
+  }
+  GroupBuilder builder;
+  std::vector<std::string> seen;
+  for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it) {
+    const std::string name = jsonKey(it->name);
+    std::string reason;
+    if (!validChildName(name, &reason)) {
+      fail(error, path, reason);
+      return Attribute();
+    }
+    if (reservedNames && name[0] == '$') {
+      fail(error, path,
+           "key " + quoted(name) + " is reserved (a \"$type\" form, or a group child name without '$')");
+      return Attribute();
+    }
+    // Groups are small; a linear check keeps the order and needs no hashing.
+    for (const std::string& other : seen) {
+      if (other == name) {
+        fail(error, path, "duplicate child name " + quoted(name));
+        return Attribute();
+      }
+    }
+    seen.push_back(name);
+    Attribute child = attributeFromJsonValue(it->value, childPath(path, name), depth + 1, error);
+    if (!child.isValid()) return Attribute();
+    builder.set(name, child);
+  }
+  builder.setGroupInherit(groupInherit);
+  return builder.build();
+}
+
+Attribute makeData(const std::vector<int32_t>& v, size_t tuple) {
+  return IntAttribute(v.data(), v.size(), tuple);
+}
+Attribute makeData(const std::vector<float>& v, size_t tuple) {
+  return FloatAttribute(v.data(), v.size(), tuple);
+}
+Attribute makeData(const std::vector<double>& v, size_t tuple) {
+  return DoubleAttribute(v.data(), v.size(), tuple);
+}
+Attribute makeData(const std::vector<std::string>& v, size_t tuple) { return StringAttribute(v, tuple); }
+
+template <typename T, typename Reader>
+Attribute typedData(const rapidjson::Value* value, size_t tupleSize, Reader reader,
+                    const std::string& path, std::string* error) {
+  std::vector<T> values;
+  std::string why;
+  if (value != nullptr && !readValues<T>(*value, reader, &values, &why)) {
+    fail(error, path, "\"$value\": " + why);
+    return Attribute();
+  }
+  if (values.size() % tupleSize != 0) {
+    fail(error, path,
+         std::to_string(values.size()) + " values do not fill tuples of " + std::to_string(tupleSize));
+    return Attribute();
+  }
+  return makeData(values, tupleSize);
+}
+
+Attribute typedForm(const rapidjson::Value& object, const std::string& path, int depth,
+                    std::string* error) {
+  const rapidjson::Value* type = nullptr;
+  const rapidjson::Value* value = nullptr;
+  const rapidjson::Value* tuple = nullptr;
+  const rapidjson::Value* inherit = nullptr;
+  for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it) {
+    const std::string key = jsonKey(it->name);
+    const rapidjson::Value** slot = key == "$type"           ? &type
+                                    : key == "$value"        ? &value
+                                    : key == "$tupleSize"    ? &tuple
+                                    : key == "$groupInherit" ? &inherit
+                                                             : nullptr;
+    if (slot == nullptr) {
+      fail(error, path,
+           "unknown key " + quoted(key) +
+               " beside \"$type\" (allowed: $type, $value, $tupleSize, $groupInherit)");
+      return Attribute();
+    }
+    if (*slot != nullptr) {
+      fail(error, path, "duplicate key " + quoted(key));
+      return Attribute();
+    }
+    *slot = &it->value;
+  }
+  if (!type->IsString()) {
+    fail(error, path, "\"$type\" must be a string");
+    return Attribute();
+  }
+  const std::string typeName = jsonKey(*type);
+  const bool isGroup = typeName == "group";
+  const bool isNull = typeName == "null";
+  if (inherit != nullptr && !isGroup) {
+    fail(error, path, "\"$groupInherit\" applies to groups only");
+    return Attribute();
+  }
+  if (tuple != nullptr && (isGroup || isNull)) {
+    fail(error, path, "\"$tupleSize\" applies to data types only");
+    return Attribute();
+  }
+  size_t tupleSize = 1;
+  if (tuple != nullptr) {
+    if (!tuple->IsUint() || tuple->GetUint() == 0) {
+      fail(error, path, "\"$tupleSize\" must be a positive integer");
+      return Attribute();
+    }
+    tupleSize = tuple->GetUint();
+  }
+
+  if (isNull) {
+    if (value != nullptr && !value->IsNull()) {
+      fail(error, path, "a null attribute has no \"$value\"");
+      return Attribute();
+    }
+    return NullAttribute();
+  }
+  if (isGroup) {
+    if (inherit != nullptr && !inherit->IsBool()) {
+      fail(error, path, "\"$groupInherit\" must be true or false");
+      return Attribute();
+    }
+    if (value != nullptr && !value->IsObject()) {
+      fail(error, path, "\"$value\" of a group must be an object");
+      return Attribute();
+    }
+    const bool groupInherit = inherit == nullptr || inherit->GetBool();
+    static const rapidjson::Value kEmptyObject(rapidjson::kObjectType);
+    return groupFromObject(value != nullptr ? *value : kEmptyObject, path, depth, groupInherit,
+                           false, error);
+  }
+  if (typeName == "int") return typedData<int32_t>(value, tupleSize, readInt, path, error);
+  if (typeName == "float")
+    return typedData<float>(value, tupleSize, readFloat, path, error);
+  if (typeName == "double")
+    return typedData<double>(value, tupleSize, readDouble, path, error);
+  if (typeName == "string")
+    return typedData<std::string>(value, tupleSize, readString, path, error);
+  fail(error, path,
+       "unknown \"$type\" " + quoted(typeName) + " (null, int, float, double, string or group)");
+  return Attribute();
+}
+
+// Plain JSON arrays: all strings, all integers, or numbers with at least one
+// '.' or exponent (float).
+Attribute shorthandArray(const rapidjson::Value& array, const std::string& path, std::string* error) {
+  if (array.Empty()) {
+    fail(error, path, "an empty array has no type; use the \"$type\" form");
+    return Attribute();
+  }
+  bool strings = true, numbers = true, integers = true;
+  for (const auto& v : array.GetArray()) {
+    strings = strings && v.IsString();
+    numbers = numbers && v.IsNumber();
+    integers = integers && isIntegerLiteral(v);
+  }
+  std::string why;
+  if (strings) {
+    std::vector<std::string> values;
+    readValues<std::string>(array, readString, &values, &why);
+    return StringAttribute(values, 1);
+  }
+  if (integers) {
+    std::vector<int32_t> values;
+    if (!readValues<int32_t>(array, readInt, &values, &why)) {
+      fail(error, path, why + " (use {\"$type\": \"double\"} for big numbers)");
+      return Attribute();
+    }
+    return IntAttribute(values.data(), values.size(), 1);
+  }
+  if (numbers) {
+    std::vector<float> values;
+    if (!readValues<float>(array, readFloat, &values, &why)) {
+      fail(error, path, why + " (use {\"$type\": \"double\"})");
+      return Attribute();
+    }
+    return FloatAttribute(values.data(), values.size(), 1);
+  }
+  fail(error, path, "array elements must be all strings or all numbers");
+  return Attribute();
+}
+
+}  // namespace
+
+Attribute attributeFromJsonValue(const rapidjson::Value& value, const std::string& path, int depth,
+                                 std::string* error) {
+  std::string why;
+  switch (value.GetType()) {
+    case rapidjson::kNullType:
+      return NullAttribute();
+    case rapidjson::kFalseType:
+      return IntAttribute(0);
+    case rapidjson::kTrueType:
+      return IntAttribute(1);
+    case rapidjson::kStringType:
+      return StringAttribute(jsonKey(value));
+    case rapidjson::kNumberType:
+      if (isIntegerLiteral(value)) {
+        int32_t i = 0;
+        if (!readInt(value, &i, &why)) {
+          fail(error, path, why + " (use {\"$type\": \"double\"} for big numbers)");
+          return Attribute();
+        }
+        return IntAttribute(i);
+      } else {
+        float f = 0;
+        if (!readFloat(value, &f, &why)) {
+          fail(error, path, why + " (use {\"$type\": \"double\"})");
+          return Attribute();
+        }
+        return FloatAttribute(f);
+      }
+    case rapidjson::kArrayType:
+      return shorthandArray(value, path, error);
+    case rapidjson::kObjectType:
+      if (value.HasMember("$type")) return typedForm(value, path, depth, error);
+      return groupFromObject(value, path, depth, true, true, error);
+  }
+  fail(error, path, "unexpected JSON value");
+  return Attribute();
+}
+
+}  // namespace detail
+
+namespace {
+
+// Shortest text that reads back as the same float, always with '.' or an
+// exponent so that it stays a float in shorthand arrays too.
+std::string floatText(float f) {
+  if (std::isnan(f)) return "NaN";
+  if (std::isinf(f)) return f < 0 ? "-Infinity" : "Infinity";
+  char buffer[32];
+  for (int precision = 6; precision <= 9; ++precision) {
+    std::snprintf(buffer, sizeof buffer, "%.*g", precision, static_cast<double>(f));
+    if (std::strtof(buffer, nullptr) == f) break;
+  }
+  std::string text = buffer;
+  if (text.find_first_of(".e") == std::string::npos) text += ".0";
+  return text;
+}
+
+template <typename W>
+class JsonEmitter {
+ public:
+  explicit JsonEmitter(W& writer) : w_(writer) {}
+
+  bool emit(const Attribute& attr) {
+    switch (attr.getType()) {
+      case kTypeNull:
+        return w_.Null();
+      case kTypeInt: {
+        IntAttribute a(attr);
+        const std::vector<int32_t> values = a.getValues();
+        return data("int", values.size(), a.getTupleSize(), [&] {
+          for (int32_t v : values)
+            if (!w_.Int(v)) return false;
+          return true;
+        });
+      }
+      case kTypeFloat: {
+        FloatAttribute a(attr);
+        const std::vector<float> values = a.getValues();
+        return typed("float", a.getTupleSize(), [&] {
+          for (float v : values) {
+            const std::string text = floatText(v);
+            if (!w_.RawValue(text.data(), text.size(), rapidjson::kNumberType)) return false;
+          }
+          return true;
+        });
+      }
+      case kTypeDouble: {
+        DoubleAttribute a(attr);
+        const std::vector<double> values = a.getValues();
+        return typed("double", a.getTupleSize(), [&] {
+          for (double v : values)
+            if (!w_.Double(v)) return false;
+          return true;
+        });
+      }
+      case kTypeString: {
+        StringAttribute a(attr);
+        const std::vector<std::string> values = a.getValues();
+        return data("string", values.size(), a.getTupleSize(), [&] {
+          for (const std::string& v : values)
+            if (!w_.String(v.data(), static_cast<rapidjson::SizeType>(v.size()))) return false;
+          return true;
+        });
+      }
+      case kTypeGroup:
+        return group(GroupAttribute(attr));
+      default:
+        return false;
+    }
+  }
+
+ private:
+  // One value of tuple size 1 is written bare, several as a plain array;
+  // anything else in the "$type" form.
+  template <typename Values>
+  bool data(const char* type, size_t count, size_t tupleSize, Values values) {
+    if (tupleSize == 1 && count == 1) return values();
+    if (tupleSize == 1 && count > 1) return w_.StartArray() && values() && w_.EndArray();
+    return typed(type, tupleSize, values);
+  }
+
+  template <typename Values>
+  bool typed(const char* type, size_t tupleSize, Values values) {
+    if (!(w_.StartObject() && w_.Key("$type") && w_.String(type))) return false;
+    if (tupleSize != 1 && !(w_.Key("$tupleSize") && w_.Uint64(tupleSize))) return false;
+    return w_.Key("$value") && w_.StartArray() && values() && w_.EndArray() && w_.EndObject();
+  }
+
+  bool group(const GroupAttribute& g) {
+    // Deeper groups would not read back, and the recursion must stay bounded.
+    if (depth_ >= detail::kMaxAttributeDepth) return false;
+    const size_t count = g.getNumberOfChildren();
+    bool plain = g.getGroupInherit();
+    for (size_t i = 0; i < count && plain; ++i) {
+      const std::string name = g.getChildName(i);
+      plain = name.empty() || name[0] != '$';
+    }
+    if (!plain) {
+      if (!(w_.StartObject() && w_.Key("$type") && w_.String("group"))) return false;
+      if (!g.getGroupInherit() && !(w_.Key("$groupInherit") && w_.Bool(false))) return false;
+      if (!w_.Key("$value")) return false;
+    }
+    if (!w_.StartObject()) return false;
+    ++depth_;
+    for (size_t i = 0; i < count; ++i) {
+      const std::string name = g.getChildName(i);
+      std::string reason;
+      if (!detail::validChildName(name, &reason)) return false;
+      if (!w_.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()))) return false;
+      if (!emit(g.getChildByIndex(i))) return false;
+    }
+    --depth_;
+    if (!w_.EndObject()) return false;
+    return plain || w_.EndObject();
+  }
+
+  W& w_;
+  int depth_ = 0;
+};
+
+}  // namespace
+
+Attribute attributeFromJsonText(const std::string& json, std::string* error) {
+  if (json.size() > detail::kMaxJsonBytes) {
+    if (error != nullptr)
+      *error = "JSON text is larger than " + std::to_string(detail::kMaxJsonBytes) + " bytes";
+    return Attribute();
+  }
+  rapidjson::Document document;
+  if (!detail::parseJson(document, json.data(), json.size(), error)) return Attribute();
+  return detail::attributeFromJsonValue(document, "", 0, error);
+}
+
+std::string attributeToJsonText(const Attribute& attr) {
+  if (!attr.isValid()) return std::string();
+  using JsonWriter =
+      rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
+                        rapidjson::CrtAllocator,
+                        rapidjson::kWriteValidateEncodingFlag | rapidjson::kWriteNanAndInfFlag>;
+  rapidjson::StringBuffer buffer;
+  JsonWriter writer(buffer);
+  JsonEmitter<JsonWriter> emitter(writer);
+  if (!emitter.emit(attr)) return std::string();
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+}  // namespace internal
+}  // namespace Arbolite3
