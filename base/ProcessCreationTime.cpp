@@ -12,23 +12,12 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 
+#include "base/RetryingIO.h"
 
 namespace Arbolite3 {
 namespace Base {
 
 namespace {
-
-// Stand-in until the shared readRetrying of this library is in.
-ssize_t readRetrying(int fd, void* buffer, size_t size, boost::system::error_code* error) {
-  ssize_t count;
-  do {
-    count = ::read(fd, buffer, size);
-  } while (count < 0 && errno == EINTR);
-  if (count < 0 && error != nullptr) {
-    *error = boost::system::error_code(errno, boost::system::system_category());
-  }
-  return count;
-}
 
 void setError(boost::system::error_code* error, int code,
               const boost::system::error_category& category) {

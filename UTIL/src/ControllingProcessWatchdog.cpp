@@ -12,11 +12,11 @@
 #include <sstream>
 #include <string>
 
-#include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "UTIL/src/SelvaneBootstrap.h"
+#include "base/ExecutablePath.h"
 #include "base/ProcessCreationTime.h"
 
 namespace {
@@ -27,16 +27,9 @@ const char* const kControllingProcessVariable = "__SELVANE_CONTROLLING_PROCESS";
 
 using Microseconds = boost::chrono::duration<long, boost::micro>;
 
-// Stand-in until getExecutableName of Arbolite3::Base is in.
-std::string getExecutableName() {
-  return boost::filesystem::canonical("/proc/self/exe", boost::filesystem::current_path())
-      .filename()
-      .string();
-}
-
 std::string executableNameForMessage() {
   try {
-    return getExecutableName();
+    return Arbolite3::Base::getExecutableName();
   } catch (const std::exception&) {
     // The executable may have been deleted or replaced; the exit must still
     // happen, so fall back to the name the process was started with.

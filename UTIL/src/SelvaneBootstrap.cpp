@@ -1,7 +1,5 @@
 #include "UTIL/src/SelvaneBootstrap.h"
 
-#include <stdlib.h>
-
 #include <locale>
 
 #include <boost/filesystem/detail/utf8_codecvt_facet.hpp>
@@ -10,6 +8,7 @@
 #include <boost/optional.hpp>
 
 #include "XoLoggingHost/XoLoggerGlue.h"
+#include "base/Environment.h"
 
 namespace {
 
@@ -17,20 +16,6 @@ boost::once_flag pathLocaleFlag = BOOST_ONCE_INIT;
 boost::once_flag installRootFlag = BOOST_ONCE_INIT;
 
 const char* const kFontConfigVariable = "FONTCONFIG_FILE";
-
-// Stand-ins until the environment helpers of Arbolite3::Base are in.
-boost::optional<std::string> getEnvironmentVariable(const std::string& name) {
-  const char* value = getenv(name.c_str());
-  if (value == nullptr) return boost::none;
-  return std::string(value);
-}
-void setEnvironmentVariable(const std::string& name, const boost::optional<std::string>& value) {
-  if (value) {
-    setenv(name.c_str(), value->c_str(), 1);
-  } else {
-    unsetenv(name.c_str());
-  }
-}
 
 }  // namespace
 
@@ -71,9 +56,9 @@ XoLoggingHost::XoLoggerGlue& getBootstrapLogger() {
 
 ScopedFontConfigFile::ScopedFontConfigFile(const std::string& root) {
   const boost::optional<std::string> current =
-      getEnvironmentVariable(kFontConfigVariable);
+      Arbolite3::Base::getEnvironmentVariable(kFontConfigVariable);
   if (current) previous = *current;
-  setEnvironmentVariable(
+  Arbolite3::Base::setEnvironmentVariable(
       kFontConfigVariable,
       boost::optional<std::string>(root + "/bin/python/UI4/Resources/Fonts/fonts.conf"));
 }
@@ -82,7 +67,7 @@ ScopedFontConfigFile::~ScopedFontConfigFile() {
   // An empty previous value is indistinguishable from an unset one and is
   // deliberately not restored.
   if (!previous.empty()) {
-    setEnvironmentVariable(kFontConfigVariable,
+    Arbolite3::Base::setEnvironmentVariable(kFontConfigVariable,
                                             boost::optional<std::string>(previous));
   }
 }
