@@ -45,11 +45,11 @@ class Reader {
     return true;
   }
   bool u64(uint64_t* v) {
-    uint32_t lo, hi;
     if (remaining() < 8) return false;
-    u32(&lo);
-    u32(&hi);
-    *v = (static_cast<uint64_t>(hi) << 32) | lo;
+    uint64_t value = 0;
+    for (int i = 7; i >= 0; --i) value = (value << 8) | p_[i];
+    *v = value;
+    p_ += 8;
     return true;
   }
   // A pointer to the next n bytes, consumed.

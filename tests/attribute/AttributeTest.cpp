@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "XoAttribute/Attribute.h"
+
+using namespace Arbolite3::internal::XoAttribute;
+
+TEST(Attribute, InvalidHandleGivesNeutralAnswers) {
+  Attribute none;
+  EXPECT_FALSE(none.isValid());
+  EXPECT_EQ(none.getType(), kTypeInvalid);
+  EXPECT_EQ(none.getXML(), "");
+  EXPECT_EQ(none.getBinary(), "");
+  EXPECT_EQ(none, Attribute());
+  EXPECT_NE(none, NullAttribute());
+  GroupAttribute group(none);
+  EXPECT_EQ(group.getNumberOfChildren(), 0u);
+  EXPECT_FALSE(group.getChildByName("a").isValid());
+  EXPECT_EQ(IntAttribute(none).getValue(7), 7);
+}
+
+TEST(Attribute, TypedViewsCheckTheType) {
+  IntAttribute i(5);
+  EXPECT_EQ(i.getType(), kTypeInt);
+  EXPECT_TRUE(IntAttribute(Attribute(i)).isValid());
+  EXPECT_FALSE(FloatAttribute(Attribute(i)).isValid());
+  EXPECT_FALSE(StringAttribute(Attribute(i)).isValid());
+  EXPECT_FALSE(GroupAttribute(Attribute(i)).isValid());
+  StringAttribute s("x");
+  EXPECT_EQ(StringAttribute(Attribute(s)).getValue(), "x");
+  EXPECT_FALSE(DoubleAttribute(Attribute(s)).isValid());
+}
+
+TEST(Attribute, DataShapeRules) {
+  const float values[] = {1, 2, 3, 4, 5, 6};
+  FloatAttribute f(values, 6, 3);
+  ASSERT_TRUE(f.isValid());
+  EXPECT_EQ(f.getNumberOfValues(), 6u);
+  EXPECT_EQ(f.getTupleSize(), 3u);
+  EXPECT_EQ(f.getValues(), std::vector<float>(values, values + 6));
+  EXPECT_FALSE(FloatAttribute(values, 6, 4).isValid()) << "count not a multiple of the tuple";
+  EXPECT_FALSE(FloatAttribute(values, 6, 0).isValid()) << "tuple size 0";
+  EXPECT_FALSE(FloatAttribute(nullptr, 2, 1).isValid());
+  FloatAttribute empty(nullptr, 0, 2);
+  ASSERT_TRUE(empty.isValid());
+  EXPECT_EQ(empty.getValue(-1.f), -1.f);
+  EXPECT_FALSE(StringAttribute({"a", "b", "c"}, 2).isValid());
+}
+
+TEST(Attribute, CopiesShareAndMovesEmpty) {
+  StringAttribute s("shared");
+  Attribute copy = s;
+  EXPECT_EQ(copy.getHandle(), s.getHandle());
+  Attribute moved = std::move(copy);
+  EXPECT_FALSE(copy.isValid());  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(moved.getHandle(), s.getHandle());
+  moved = moved;  // self-assignment keeps the value
+  EXPECT_TRUE(moved.isValid());
+}
+
+TEST(Attribute, DeepEquality) {
+  GroupBuilder a, b;
+  a.set("x.y", IntAttribute(1)).set("s", StringAttribute("t"));
+  b.set("x.y", IntAttribute(1)).set("s", StringAttribute("t"));
+  GroupAttribute ga = a.build(GroupBuilder::BuildAndRetain), gb = b.build(GroupBuilder::BuildAndRetain);
+  EXPECT_NE(ga.getHandle(), gb.getHandle());
+  EXPECT_EQ(ga, gb);
+
+  b.set("x.y", IntAttribute(2));
+  EXPECT_NE(ga, b.build(GroupBuilder::BuildAndRetain)) << "nested value differs";
+  GroupBuilder c;
+  c.set("s", StringAttribute("t")).set("x.y", IntAttribute(1));
+  EXPECT_NE(ga, c.build()) << "child order matters";
+  a.setGroupInherit(false);
+  EXPECT_NE(ga, a.build()) << "inherit flag matters";
+
+  const int32_t v[] = {1, 2, 3, 4};
+  EXPECT_NE(IntAttribute(v, 4, 2), IntAttribute(v, 4, 1)) << "tuple size matters";
+  EXPECT_NE(Attribute(IntAttribute(0)), Attribute(FloatAttribute(0.f))) << "type matters";
+
+  double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(DoubleAttribute(nan), DoubleAttribute(nan));
+  EXPECT_NE(DoubleAttribute(0.0), DoubleAttribute(-0.0));
+}
+
+TEST(Attribute, GroupLookupByNameAndPath) {
+  GroupBuilder b;
+  b.set("a.b.c", IntAttribute(3)).set("top", StringAttribute("t"));
+  // Enough siblings that the group uses its sorted index.
+  for (int i = 0; i < 40; ++i) b.set("a.n" + std::to_string(i), IntAttribute(i));
+  GroupAttribute g = b.build();
+  EXPECT_EQ(IntAttribute(g.getChildByName("a.b.c")).getValue(), 3);
+  EXPECT_EQ(StringAttribute(g.getChildByName("top")).getValue(), "t");
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_EQ(IntAttribute(g.getChildByName("a.n" + std::to_string(i))).getValue(-1), i);
+  }
+  EXPECT_FALSE(g.getChildByName("a.n40").isValid());
+  EXPECT_FALSE(g.getChildByName("a.b.c.d").isValid()) << "path through a non-group";
+  EXPECT_FALSE(g.getChildByName("").isValid());
+  EXPECT_FALSE(g.getChildByName("a..b").isValid());
+  EXPECT_FALSE(g.getChildByName("a.").isValid());
+  EXPECT_FALSE(g.getChildByName(".a").isValid());
+  EXPECT_EQ(g.getChildName(0), "a");
+  EXPECT_EQ(g.getChildName(2), "");
+  EXPECT_FALSE(g.getChildByIndex(2).isValid());
+}

@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "BlobWriter.h"
+#include "SampleAttributes.h"
+#include "XoAttribute/Attribute.h"
+
+using namespace Arbolite3::internal::XoAttribute;
+
+namespace {
+
+bool parses(const std::string& bytes) {
+  return Attribute::parseBinary(bytes.data(), bytes.size()).isValid();
+}
+
+// depth groups, each holding the next as "g"; the innermost is empty.
+std::string nested(size_t depth) {
+  BlobWriter w;
+  for (size_t i = 1; i < depth; ++i) w.group(1).text("g");
+  w.group(0);
+  return w.str();
+}
+
+}  // namespace
+
+TEST(BinaryMalformed, HandMadeBlobsAreRefused) {
+  const uint64_t kHuge = UINT64_C(1) << 62;  // times 4 or 8 wraps around
+  struct Case {
+    const char* what;
+    std::string bytes;
+  };
+  const std::vector<Case> cases = {
+      {"empty", ""},
+      {"short header", "XOAB\x01"},
+      {"header only", BlobWriter().str()},
+      {"wrong magic", BlobWriter(false).raw("XOAC").u16(1).u16(0).null().str()},
+      {"version 0", BlobWriter(false).raw("XOAB").u16(0).u16(0).null().str()},
+      {"version 2", BlobWriter(false).raw("XOAB").u16(2).u16(0).null().str()},
+      {"reserved bits", BlobWriter(false).raw("XOAB").u16(1).u16(1).null().str()},
+      {"type 6", BlobWriter().u8(6).str()},
+      {"type 255", BlobWriter().u8(255).str()},
+      {"tuple size 0", BlobWriter().u8(1).u32(0).u64(0).str()},
+      {"count not a multiple of the tuple", BlobWriter().u8(1).u32(2).u64(3).u32(1).u32(2).u32(3).str()},
+      {"count beyond the buffer", BlobWriter().u8(1).u32(1).u64(3).u32(1).u32(2).str()},
+      {"int count that overflows", BlobWriter().u8(1).u32(1).u64(kHuge).str()},
+      {"double count that overflows", BlobWriter().u8(3).u32(1).u64(kHuge).str()},
+      {"count of all ones", BlobWriter().u8(2).u32(1).u64(UINT64_MAX).str()},
+      {"string count beyond the buffer", BlobWriter().u8(4).u32(1).u64(kHuge).text("a").str()},
+      {"string length beyond the buffer", BlobWriter().u8(4).u32(1).u64(1).u32(5).raw("abcd").str()},
+      {"string length of all ones", BlobWriter().u8(4).u32(1).u64(1).u32(UINT32_MAX).raw("abcd").str()},
+      {"child count beyond the buffer", BlobWriter().group(2).text("a").null().str()},
+      {"child count of all ones", BlobWriter().group(UINT32_MAX).text("a").null().str()},
+      {"unknown group flag", BlobWriter().u8(5).u8(2).u32(0).str()},
+      {"empty child name", BlobWriter().group(1).text("").null().str()},
+      {"dotted child name", BlobWriter().group(1).text("a.b").null().str()},
+      {"NUL in child name", BlobWriter().group(1).text(std::string("a\0b", 3)).null().str()},
+      {"name length beyond the buffer", BlobWriter().group(1).u32(100).raw("ab").null().str()},
+      {"duplicate names", BlobWriter().group(2).text("a").null().text("a").null().str()},
+      {"duplicate names in a large group", [] {
+         BlobWriter w;
+         w.group(20);
+         for (int i = 0; i < 19; ++i) w.text("n" + std::to_string(i)).null();
+         return w.text("n7").null().str();
+       }()},
+      {"trailing byte", BlobWriter().null().u8(0).str()},
+      {"trailing bytes after a group", BlobWriter().group(1).text("a").ints({1}).u32(0).str()},
+      {"two roots", BlobWriter().null().null().str()},
+      {"nesting beyond the cap", nested(257)},
+      {"very deep nesting", nested(100000)},
+  };
+  for (const Case& c : cases) EXPECT_FALSE(parses(c.bytes)) << c.what;
+}
+
+TEST(BinaryMalformed, ValidHandMadeBlobsAreAccepted) {
+  // The counterparts of the table above, so that it fails for the right reason.
+  EXPECT_TRUE(parses(BlobWriter().null().str()));
+  EXPECT_TRUE(parses(BlobWriter().ints({1, 2, 3}).str()));
+  EXPECT_TRUE(parses(BlobWriter().u8(1).u32(2).u64(0).str()));
+  EXPECT_TRUE(parses(BlobWriter().u8(4).u32(1).u64(1).u32(4).raw("abcd").str()));
+  EXPECT_TRUE(parses(BlobWriter().group(2).text("a").null().text("b").null().str()));
+  EXPECT_TRUE(parses(BlobWriter().u8(5).u8(0).u32(0).str()));
+  EXPECT_TRUE(parses(nested(256)));
+}
+
+TEST(BinaryMalformed, EveryTruncationIsRefusedAndEveryExtensionToo) {
+  const std::string full = sample::everyType().getBinary();
+  ASSERT_TRUE(parses(full));
+  for (size_t length = 0; length < full.size(); ++length) {
+    // A copy of exactly `length` bytes, so that ASan sees any read past it.
+    std::unique_ptr<char[]> exact(new char[length + 1]);
+    std::memcpy(exact.get(), full.data(), length);
+    EXPECT_FALSE(Attribute::parseBinary(exact.get(), length).isValid()) << "length " << length;
+  }
+  EXPECT_FALSE(parses(full + '\0'));
+  EXPECT_FALSE(Attribute::parseBinary(nullptr, 10).isValid());
+}
