@@ -13,16 +13,10 @@ extern char** environ;
 
 namespace bootstraptest {
 
-Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& changes,
-            bool capture) {
-  std::vector<std::string> environment;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text(*entry);
-    if (changes.count(text.substr(0, text.find('='))) == 0) environment.push_back(text);
-  }
-  for (const auto& change : changes) {
-    if (change.second) environment.push_back(change.first + "=" + *change.second);
-  }
+namespace {
+
+Child spawnEntries(const std::vector<std::string>& argv, std::vector<std::string> environment,
+                   bool capture) {
 
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
@@ -54,6 +48,31 @@ Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& chan
   }
   if (result != 0) throw std::runtime_error("posix_spawn " + argv[0] + ": " + strerror(result));
   return child;
+}
+
+}  // namespace
+
+Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& changes,
+            bool capture) {
+  std::vector<std::string> environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    if (changes.count(text.substr(0, text.find('='))) == 0) environment.push_back(text);
+  }
+  for (const auto& change : changes) {
+    if (change.second) environment.push_back(change.first + "=" + *change.second);
+  }
+  return spawnEntries(argv, std::move(environment), capture);
+}
+
+Child spawnWithEnvironment(const std::vector<std::string>& argv,
+                           const std::map<std::string, std::string>& environment,
+                           bool capture) {
+  std::vector<std::string> entries;
+  for (const auto& variable : environment) {
+    entries.push_back(variable.first + "=" + variable.second);
+  }
+  return spawnEntries(argv, std::move(entries), capture);
 }
 
 std::string readToEnd(int& fd) {

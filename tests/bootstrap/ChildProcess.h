@@ -25,6 +25,10 @@ using EnvironmentChanges = std::map<std::string, boost::optional<std::string>>;
 // With `capture`, standard output and error go to pipes that the caller reads.
 Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& changes = {},
             bool capture = true);
+// The same with exactly the given environment.
+Child spawnWithEnvironment(const std::vector<std::string>& argv,
+                           const std::map<std::string, std::string>& environment,
+                           bool capture = true);
 
 // Everything up to end of file; closes the descriptor.
 std::string readToEnd(int& fd);

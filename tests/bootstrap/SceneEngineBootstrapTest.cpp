@@ -1,0 +1,348 @@
+// The scene engine bootstrap through the installed kindlet, started the way a
+// parent starts it. What the bootstrap hands on is visible in the debug log
+// (one line per configuration key, in the order they are set) and inside the
+// embedded interpreter, where a user-site customisation runs a smoke check as
+// soon as ArboliteAPI has been imported.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+#include "base/ProcessCreationTime.h"
+
+using namespace bootstraptest;
+
+namespace {
+
+const std::string kRoot = KINDLET_TEST_ROOT;
+
+// Runs in the embedded interpreter right after `import ArboliteAPI`.
+const char* const kSmokeCheck = R"PY(
+import sys
+
+def _smoke(A):
+    import logging
+    log = logging.getLogger("smoke")
+    builder = A.GroupBuilder()
+    builder.set("a.b", A.IntAttribute([1, 2], 2))
+    group = builder.build()
+    again = A.Attribute.parseBinary(group.getBinary())
+    v = sys.selvane_verbosityLevel
+    log.debug("debug at verbosity %d", v)
+    log.info("round trip %s, values %s", again == group, again.getChildByName("a.b").getValues())
+    log.warning("warning at verbosity %d", v)
+
+class _AfterArboliteAPI(object):
+    def find_spec(self, name, path=None, target=None):
+        if name != "ArboliteAPI":
+            return None
+        sys.meta_path.remove(self)
+        for finder in sys.meta_path:
+            spec = finder.find_spec(name, path, target) if hasattr(finder, "find_spec") else None
+            if spec is not None:
+                break
+        else:
+            return None
+        execute = spec.loader.exec_module
+        def exec_module(module):
+            execute(module)
+            _smoke(module)
+        spec.loader.exec_module = exec_module
+        return spec
+
+sys.meta_path.insert(0, _AfterArboliteAPI())
+)PY";
+
+struct Result {
+  int status = -1;
+  std::vector<std::string> lines;  // standard error
+  std::string out;
+
+  int exitStatus() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1000 - status; }
+  bool has(const std::string& line) const {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+  // Index of the first line that equals `line`, or -1.
+  long indexOf(const std::string& line) const {
+    auto it = std::find(lines.begin(), lines.end(), line);
+    return it == lines.end() ? -1 : static_cast<long>(it - lines.begin());
+  }
+  bool hasKey(const std::string& key) const {
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) {
+      return l.rfind("[DEBUG Kindlet] Configuration key " + key + " set to ", 0) == 0;
+    });
+  }
+  std::string all() const {
+    std::string text;
+    for (const std::string& line : lines) text += line + "\n";
+    return text + out;
+  }
+};
+
+std::string keyLine(const std::string& key, const std::string& value) {
+  return "[DEBUG Kindlet] Configuration key " + key + " set to \"" + value + "\".";
+}
+
+class SceneEngineBootstrap : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    scratch = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path();
+    const boost::filesystem::path site = scratch / "userbase/lib/python3.11/site-packages";
+    boost::filesystem::create_directories(site);
+    std::ofstream((site / "usercustomize.py").string()) << kSmokeCheck;
+
+    environment = {
+        {"PATH", "/usr/bin:/bin"},
+        {"HOME", scratch.string()},
+        {"PYTHONUSERBASE", (scratch / "userbase").string()},
+        {"PYTHONDONTWRITEBYTECODE", "1"},
+        {"SELVANE_LOG_LEVEL", "debug"},
+        {"SELVANE_INTERNAL_PYTHONHOME", "/usr"},
+        {"SELVANE_INTERNAL_PYTHONPATH",
+         "/usr/lib/python311.zip:/usr/lib/python3.11:/usr/lib/python3.11/lib-dynload:" +
+             kRoot + "/bin/python"},
+        {"SELVANE_DEFAULT_ASSET_PLUGIN", "FileAsset"},
+        {"SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", "FileSequence"},
+    };
+  }
+  void TearDown() override { boost::filesystem::remove_all(scratch); }
+
+  Result run(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> argv = {kRoot + "/bin/kindlet",
+                                     "-selvaneRoot", kRoot,
+                                     "-tempDir", scratch.string(),
+                                     "-arbolite3OpTree",
+                                     kRoot + "/share/kindlet/examples/scene.optree.json",
+                                     "-renderer", "null",
+                                     "-renderMethodName", "diskRender"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    Child child = spawnWithEnvironment(argv, environment);
+    Result result;
+    result.lines = splitLines(readToEnd(child.err));
+    result.out = readToEnd(child.out);
+    result.status = waitFor(child.pid);
+    return result;
+  }
+
+  boost::filesystem::path scratch;
+  std::map<std::string, std::string> environment;
+};
+
+const std::string kStarting = "[INFO Kindlet] Starting ARBOLITE bootstrap...";
+const std::string kFinished = "[INFO Kindlet] Finished ARBOLITE bootstrap.";
+const std::string kBootstrapFailed = "[ERROR Kindlet] FATAL: Bootstrap failed. Aborting.";
+const std::string kSmokeInfo = "[INFO Python] smoke: round trip True, values [1, 2]";
+
+TEST_F(SceneEngineBootstrap, DefaultsSetTheKeysAndStartPythonWithItsModules) {
+  const Result r = run({"-resolutionsTable", "res.xml"});
+  ASSERT_EQ(r.exitStatus(), 0) << r.all();
+  EXPECT_TRUE(r.has(keyLine("SELVANE_ROOT", kRoot))) << r.all();
+  EXPECT_TRUE(r.has(keyLine("SELVANE_TMPDIR", scratch.string())));
+  EXPECT_TRUE(r.has(keyLine("SELVANE_RESOLUTIONS", "res.xml")));
+  EXPECT_TRUE(r.has(keyLine("RUNTIME_USE_CONCURRENT", "1")));
+  EXPECT_FALSE(r.hasKey("ARBOLITE3_MT_EXPERIMENTAL"));
+  EXPECT_FALSE(r.hasKey("SELVANE_DEFAULT_ASSET_PLUGIN")) << "the option was not given";
+  for (const std::string& line : r.lines) {
+    EXPECT_EQ(line.rfind("[INFO Kindlet] Using ", 0), std::string::npos) << line;
+    EXPECT_EQ(line.find("Traceback"), std::string::npos) << r.all();
+  }
+  // Python inside kindlet logs through the process log, and ArboliteAPI works.
+  const long starting = r.indexOf(kStarting);
+  const long smoke = r.indexOf(kSmokeInfo);
+  const long finished = r.indexOf(kFinished);
+  EXPECT_GE(starting, 0) << r.all();
+  EXPECT_GT(smoke, starting) << r.all();
+  EXPECT_GT(finished, smoke) << r.all();
+  EXPECT_FALSE(r.has("[DEBUG Python] smoke: debug at verbosity 1"));
+}
+
+TEST_F(SceneEngineBootstrap, VerbosityParsesLikeStoll) {
+  struct Case {
+    const char* value;
+    int verbosity;
+  };
+  for (const Case& c : {Case{"abc", 1}, Case{"99999999999999999999", 1}, Case{"2", 2},
+                        Case{"-4", 0}, Case{"0x10", 0}}) {
+    SCOPED_TRACE(c.value);
+    const Result r = run({"-verbose", c.value});
+    ASSERT_EQ(r.exitStatus(), 0) << r.all();
+    const std::string v = std::to_string(c.verbosity);
+    EXPECT_EQ(r.has(kStarting), c.verbosity != 0);
+    EXPECT_EQ(r.has(kFinished), c.verbosity != 0);
+    EXPECT_TRUE(r.has("[WARNING Python] smoke: warning at verbosity " + v)) << r.all();
+    EXPECT_EQ(r.has(kSmokeInfo), c.verbosity >= 1);
+    EXPECT_EQ(r.has("[DEBUG Python] smoke: debug at verbosity " + v), c.verbosity >= 2);
+  }
+}
+
+TEST_F(SceneEngineBootstrap, RuntimeSelection) {
+  struct Case {
+    const char* runtime;
+    const char* useSync;  // RUNTIME_USE_SYNC in the environment, or null
+    const char* usingLine;
+    std::vector<std::pair<std::string, std::string>> keys;  // set, in this order
+    std::vector<std::string> notSet;
+  };
+  const std::vector<Case> cases = {
+      {"Classic", nullptr, "Using Classic (Synchronous Mode) Runtime",
+       {{"RUNTIME_USE_SYNC", "1"}}, {"RUNTIME_USE_CONCURRENT"}},
+      {"Classic", "0", "Using Classic (Asynchronous Mode) Runtime", {},
+       {"RUNTIME_USE_SYNC", "RUNTIME_USE_CONCURRENT"}},
+      {"Classic", "1", "Using Classic (Synchronous Mode) Runtime", {},
+       {"RUNTIME_USE_SYNC", "RUNTIME_USE_CONCURRENT"}},
+      {"Classic", "", "Using Classic (Synchronous Mode) Runtime", {}, {"RUNTIME_USE_SYNC"}},
+      {"Concurrent (Experimental)", nullptr, "Using Concurrent (Experimental) Runtime",
+       {{"RUNTIME_USE_CONCURRENT", "1"}, {"ARBOLITE3_MT_EXPERIMENTAL", "1"}}, {}},
+      {"Experimental", nullptr, "Using Experimental Runtime",
+       {{"RUNTIME_USE_CONCURRENT", "1"}}, {"ARBOLITE3_MT_EXPERIMENTAL"}},
+      {"classic", "0", "Using classic Runtime", {{"RUNTIME_USE_CONCURRENT", "1"}}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.runtime) + " / RUNTIME_USE_SYNC " +
+                 (c.useSync ? c.useSync : "unset"));
+    if (c.useSync) environment["RUNTIME_USE_SYNC"] = c.useSync;
+    else environment.erase("RUNTIME_USE_SYNC");
+    const Result r = run({"-arboliteRuntime", c.runtime});
+    ASSERT_EQ(r.exitStatus(), 0) << r.all();
+    EXPECT_TRUE(r.has(std::string("[INFO Kindlet] ") + c.usingLine)) << r.all();
+    long previous = r.indexOf(std::string("[INFO Kindlet] ") + c.usingLine);
+    for (const auto& key : c.keys) {
+      const long index = r.indexOf(keyLine(key.first, key.second));
+      EXPECT_GT(index, previous) << key.first;
+      previous = index;
+    }
+    for (const std::string& key : c.notSet) EXPECT_FALSE(r.hasKey(key)) << key;
+  }
+}
+
+TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
+  const std::vector<std::string> profiling = {"-profilingFilename", "/tmp/p.json",
+                                              "-profilingMode", "full"};
+  std::vector<std::string> args = profiling;
+  for (const char* option : {"-opTreeOptimizations", "True", "-cacheEviction", "true",
+                             "-sceneTraversalVerboseLogging", "yes", "-cacheSoftLimit", "512",
+                             "-cacheCollectionFrequency", "7"}) {
+    args.push_back(option);
+  }
+  const Result r = run(args);
+  ASSERT_EQ(r.exitStatus(), 0) << r.all();
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"SELVANE_ARBOLITE_OPTREE_OPTIMIZER", "1"},
+      {"SELVANE_ARBOLITE_CACHE_ENABLEEVICTION", "0"},
+      {"SELVANE_ARBOLITE_CACHE_SOFTLIMIT", "512"},
+      {"SELVANE_ARBOLITE_CACHE_COLLECTION_FREQUENCY", "7"},
+      {"SELVANE_ARBOLITE_RUNTIME_PROFILING_FILENAME", "/tmp/p.json"},
+      {"SELVANE_ARBOLITE_RUNTIME_PROFILING_MODE", "full"},
+      {"SELVANE_ARBOLITE_RUNTIME_PROFILING_RENDERER", "null"},
+      {"SELVANE_ARBOLITE_RUNTIME_PROFILING_RENDERMETHODNAME", "diskRender"},
+      {"SELVANE_ARBOLITE_SCENETRAVERSAL_VERBOSELOGGING", "0"},
+  };
+  long previous = -1;
+  for (const auto& key : expected) {
+    const long index = r.indexOf(keyLine(key.first, key.second));
+    EXPECT_GT(index, previous) << key.first << "\n" << r.all();
+    previous = index;
+  }
+  EXPECT_LT(previous, r.indexOf(kStarting));
+
+  std::vector<std::string> classic = profiling;
+  classic.insert(classic.end(), {"-arboliteRuntime", "Classic"});
+  const Result c = run(classic);
+  ASSERT_EQ(c.exitStatus(), 0) << c.all();
+  for (const auto& key : expected) {
+    if (key.first.find("PROFILING") != std::string::npos) {
+      EXPECT_FALSE(c.hasKey(key.first));
+    }
+  }
+}
+
+TEST_F(SceneEngineBootstrap, InteractivePrecisionComesAfterTheSecondStage) {
+  const Result ok = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
+  ASSERT_EQ(ok.exitStatus(), 0) << ok.all();
+  EXPECT_GT(ok.indexOf(keyLine("SELVANE_DISPLAYDRIVER_PRECISION", "16")), ok.indexOf(kStarting));
+
+  // A second stage that fails: keys of the first part are set, the precision
+  // never is, and nothing starts the interpreter.
+  environment["SELVANE_RENDERER_PLUGIN_PATH"] = (scratch / "missing").string();
+  const Result failed = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
+  EXPECT_EQ(failed.exitStatus(), 255) << failed.all();
+  EXPECT_TRUE(failed.has(keyLine("SELVANE_RESOLUTIONS", "r")));
+  EXPECT_FALSE(failed.hasKey("SELVANE_DISPLAYDRIVER_PRECISION"));
+  const long fatal = failed.indexOf("[ERROR Kindlet] FATAL: Failed to initialize Arbolite3");
+  EXPECT_GT(fatal, failed.indexOf(kStarting)) << failed.all();
+  EXPECT_GT(failed.indexOf(kBootstrapFailed), fatal);
+  EXPECT_FALSE(failed.has(kSmokeInfo));
+}
+
+TEST_F(SceneEngineBootstrap, AssetPluginsComeFromTheOptionOrTheEnvironment) {
+  environment.erase("SELVANE_DEFAULT_ASSET_PLUGIN");
+  const Result missing = run();
+  EXPECT_EQ(missing.exitStatus(), 255);
+  EXPECT_EQ(missing.indexOf("[ERROR Kindlet] No asset plug-in was specified.") + 1,
+            missing.indexOf(kBootstrapFailed))
+      << missing.all();
+  EXPECT_FALSE(missing.has(kStarting));
+
+  const Result given = run({"-assetPlugin", "MyAsset"});
+  EXPECT_EQ(given.exitStatus(), 0) << given.all();
+  EXPECT_TRUE(given.has(keyLine("SELVANE_DEFAULT_ASSET_PLUGIN", "MyAsset")));
+
+  environment["SELVANE_DEFAULT_ASSET_PLUGIN"] = "FileAsset";
+  environment.erase("SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN");
+  const Result noSequence = run();
+  EXPECT_EQ(noSequence.exitStatus(), 255);
+  EXPECT_TRUE(noSequence.has("[ERROR Kindlet] No file sequence plug-in was specified."))
+      << noSequence.all();
+}
+
+TEST_F(SceneEngineBootstrap, InterpreterKeysFallBackAndTheirAbsenceIsReported) {
+  const std::string home = environment["SELVANE_INTERNAL_PYTHONHOME"];
+  const std::string path = environment["SELVANE_INTERNAL_PYTHONPATH"];
+  environment.erase("SELVANE_INTERNAL_PYTHONHOME");
+  environment.erase("SELVANE_INTERNAL_PYTHONPATH");
+
+  Result r = run();
+  EXPECT_EQ(r.exitStatus(), 255);
+  EXPECT_EQ(r.indexOf("[ERROR Kindlet] Neither SELVANE_INTERNAL_PYTHONHOME nor PYTHONHOME is "
+                      "set. Unable to initialize the Python interpreter. Aborting...") + 1,
+            r.indexOf(kBootstrapFailed))
+      << r.all();
+
+  environment["PYTHONHOME"] = home;
+  r = run();
+  EXPECT_EQ(r.exitStatus(), 255);
+  EXPECT_EQ(r.indexOf("[ERROR Kindlet] Neither SELVANE_INTERNAL_PYTHONPATH nor PYTHONPATH is "
+                      "set. Unable to initialize the Python interpreter. Aborting...") + 1,
+            r.indexOf(kBootstrapFailed))
+      << r.all();
+
+  environment["PYTHONPATH"] = path;
+  r = run();
+  EXPECT_EQ(r.exitStatus(), 0) << r.all();
+  EXPECT_TRUE(r.has(kSmokeInfo)) << r.all();
+}
+
+TEST_F(SceneEngineBootstrap, KindletEndsWhenItsControllingProcessIsGone) {
+  Child parent = spawn({"/bin/sleep", "60"}, {}, false);
+  const std::string value =
+      std::to_string(parent.pid) + ";" +
+      std::to_string(Arbolite3::Base::getProcessCreationTime(parent.pid, nullptr));
+  kill(parent.pid, SIGKILL);
+  waitFor(parent.pid);
+  environment["__SELVANE_CONTROLLING_PROCESS"] = value;
+  const Result r = run();
+  EXPECT_EQ(r.exitStatus(), 1) << r.all();
+  const std::string prefix = "[BOOTSTRAP] WARNING: Parent process not found: PID " +
+                             std::to_string(parent.pid) + ". Terminating this `kindlet` process";
+  EXPECT_TRUE(std::any_of(r.lines.begin(), r.lines.end(), [&](const std::string& line) {
+    return line.rfind(prefix, 0) == 0;
+  })) << r.all();
+}
+
+}  // namespace

@@ -1,0 +1,156 @@
+"""MainLogging and ArboliteAPI as installed under a root, in a plain
+python3.11 (PYTHONPATH=<root>/bin/python). The logging tests run a child
+interpreter, because the process log writes straight to file descriptor 2."""
+
+import os
+import subprocess
+import sys
+import textwrap
+import unittest
+
+import ArboliteAPI as A
+import MainLogging
+
+
+def runLogged(code, verbosity=None, threshold="debug"):
+    """Runs `code` in a child interpreter after MainLogging.Init(); returns
+    the lines of its standard error."""
+    prelude = "import sys\n"
+    if verbosity is not None:
+        prelude += "sys.selvane_verbosityLevel = %d\n" % verbosity
+    prelude += "import MainLogging\nMainLogging.Init()\n"
+    env = dict(os.environ, SELVANE_LOG_LEVEL=threshold)
+    result = subprocess.run([sys.executable, "-c", prelude + textwrap.dedent(code)],
+                            env=env, stderr=subprocess.PIPE, stdout=subprocess.PIPE,
+                            check=True, universal_newlines=True)
+    return result.stderr.splitlines()
+
+
+LOG_EVERY_LEVEL = """
+import logging
+log = logging.getLogger("shader.cache")
+logging.debug("d")
+logging.info("i")
+log.warning("w %s", 1)
+logging.error("e")
+"""
+
+
+class MainLoggingTest(unittest.TestCase):
+    def test_verbosity_selects_levels(self):
+        everything = ["[DEBUG Python] d", "[INFO Python] i",
+                      "[WARNING Python] shader.cache: w 1", "[ERROR Python] e"]
+        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=2), everything)
+        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=1), everything[1:])
+        self.assertEqual(runLogged(LOG_EVERY_LEVEL), everything[1:])
+        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=0), everything[2:])
+
+    def test_process_threshold_applies_on_top(self):
+        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=2, threshold="error"),
+                         ["[ERROR Python] e"])
+
+    def test_logging_is_connected_when_first_imported(self):
+        lines = runLogged("""
+            assert "logging" not in sys.modules, "Init must not import logging"
+            import logging
+            logging.info("late")
+        """)
+        self.assertEqual(lines, ["[INFO Python] late"])
+
+    def test_logging_imported_before_init_is_connected_at_once(self):
+        lines = runLogged("""
+            import logging, MainLogging
+            sys.selvane_verbosityLevel = 2
+            MainLogging.Init()
+            MainLogging.Init()
+            logging.debug("once")
+        """, verbosity=0)
+        self.assertEqual(lines, ["[DEBUG Python] once"])
+
+    def test_multi_line_records_and_warnings_stay_one_record(self):
+        lines = runLogged("""
+            import logging, warnings
+            try:
+                raise ValueError("bad")
+            except ValueError:
+                logging.exception("failed")
+            warnings.warn("careful")
+        """)
+        self.assertEqual(lines[0], "[ERROR Python] failed")
+        self.assertTrue(all(line.startswith("    ") for line in lines[1:-1]), lines)
+        self.assertEqual(lines[-2], "    ValueError: bad")
+        self.assertTrue(lines[-1].startswith("[WARNING Python] py.warnings: "), lines)
+        self.assertTrue(lines[-1].endswith("UserWarning: careful"), lines)
+
+    def test_levels(self):
+        self.assertEqual([MainLogging.processLevel(n) for n in (5, 10, 20, 30, 40, 50)],
+                         [4, 4, 3, 2, 1, 1])
+
+
+class ArboliteAPITest(unittest.TestCase):
+    def sample(self):
+        b = A.GroupBuilder()
+        b.set("camera.fov", A.FloatAttribute(45.5))
+        b.set("camera.name", A.StringAttribute("persp"))
+        b.set("resolution", A.IntAttribute([1920, 1080], 2))
+        b.set("weights", A.DoubleAttribute([0.25, 0.5, 0.75]))
+        b.set("nothing", A.NullAttribute())
+        return b.build()
+
+    def test_values_and_types_survive_building(self):
+        g = self.sample()
+        self.assertIsInstance(g, A.GroupAttribute)
+        self.assertEqual([name for name, _ in g], ["camera", "resolution", "weights", "nothing"])
+        self.assertEqual(g.getChildByName("camera.fov").getValue(), 45.5)
+        self.assertEqual(g.getChildByName("camera.name").getValues(), ["persp"])
+        resolution = g.getChildByName("resolution")
+        self.assertIsInstance(resolution, A.IntAttribute)
+        self.assertEqual(resolution.getTupleSize(), 2)
+        self.assertEqual(resolution.getTuples(), [(1920, 1080)])
+        self.assertEqual(g.getChildByName("weights").getValues(), [0.25, 0.5, 0.75])
+        self.assertEqual(g.getChildByName("nothing").getType(), A.TYPE_NULL)
+        self.assertFalse(g.getChildByName("camera.missing").isValid())
+
+    def test_children_outlive_their_group(self):
+        child = self.sample().getChildByName("camera")
+        self.assertEqual(child.getChildByName("name").getValue(), "persp")
+
+    def test_binary_round_trip_and_bad_input(self):
+        g = self.sample()
+        data = g.getBinary()
+        self.assertEqual(A.Attribute.parseBinary(data), g)
+        self.assertEqual(A.Attribute.parseBinary(data).getXML(), g.getXML())
+        for bad in (b"", b"garbage", data[:-1], data[:len(data) // 2]):
+            self.assertFalse(A.Attribute.parseBinary(bad).isValid(), bad)
+
+    def test_builder_update_delete_and_modes(self):
+        b = A.GroupBuilder()
+        b.set("a", A.IntAttribute(1)).set("b", A.IntAttribute(2))
+        first = b.build(A.GroupBuilder.BuildAndRetain)
+        b.update(A.GroupBuilder().set("a", A.StringAttribute("x")).build())
+        b.delete("b").delete("absent")
+        second = b.build()
+        self.assertEqual([n for n, _ in first], ["a", "b"])
+        self.assertEqual([(n, c.getValue()) for n, c in second], [("a", "x")])
+        self.assertEqual(len(b.build()), 0)
+
+    def test_strings_keep_nul_bytes_and_utf8(self):
+        values = ["a\x00b", "\u00e9t\u00e9", ""]
+        self.assertEqual(A.StringAttribute(values, 3).getValues(), values)
+
+    def test_values_that_do_not_make_tuples_are_refused(self):
+        with self.assertRaises(ValueError):
+            A.IntAttribute([1, 2, 3], 2)
+        with self.assertRaises(ValueError):
+            A.FloatAttribute([1.0], 0)
+
+    def test_handles_cross_to_c_and_back(self):
+        g = self.sample()
+        again = A.Attribute.fromHandle(g.getHandle())
+        del g
+        self.assertEqual(again.getChildByName("camera.fov").getValue(), 45.5)
+        self.assertFalse(A.Attribute.fromHandle(None).isValid())
+
+
+if __name__ == "__main__":
+    unittest.main()
