@@ -80,10 +80,16 @@ bool readFloat(const rapidjson::Value& v, float* out, std::string* why) {
     return false;
   }
   const double d = v.GetDouble();
-  // Converting a finite double beyond the float range is undefined.
+  // Texts a little above FLT_MAX (such as its own shortest form) still round
+  // to it; beyond that the conversion would be undefined.
+  constexpr double kLastRoundingToMax = double(FLT_MAX) + 0x1p103;
   if (std::isfinite(d) && std::fabs(d) > FLT_MAX) {
-    *why = "number outside the float range";
-    return false;
+    if (std::fabs(d) >= kLastRoundingToMax) {
+      *why = "number outside the float range";
+      return false;
+    }
+    *out = d < 0 ? -FLT_MAX : FLT_MAX;
+    return true;
   }
   *out = static_cast<float>(d);
   return true;
