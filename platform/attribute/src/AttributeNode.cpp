@@ -1,7 +1,8 @@
 #include "AttributeNode.h"
 
-#include <algorithm>
 #include <cstring>
+#include <functional>
+#include <string_view>
 
 namespace Arbolite3 {
 namespace internal {
@@ -19,11 +20,12 @@ inline bool dropReference(const Node* node) {
   return true;
 }
 
-inline int compareNames(const std::string& a, const char* b, size_t bLength) {
-  size_t n = std::min(a.size(), bLength);
-  int c = n == 0 ? 0 : std::memcmp(a.data(), b, n);
-  if (c != 0) return c;
-  return a.size() < bLength ? -1 : (a.size() > bLength ? 1 : 0);
+inline bool sameName(const std::string& a, const char* b, size_t bLength) {
+  return a.size() == bLength && (bLength == 0 || std::memcmp(a.data(), b, bLength) == 0);
+}
+
+inline size_t hashName(const char* name, size_t length) {
+  return std::hash<std::string_view>()(std::string_view(name, length));
 }
 
 }  // namespace
@@ -69,34 +71,35 @@ bool GroupNode::buildIndex() {
     }
     return true;
   }
-  sorted_.resize(n);
-  for (size_t i = 0; i < n; ++i) sorted_[i] = static_cast<uint32_t>(i);
-  std::sort(sorted_.begin(), sorted_.end(), [this](uint32_t a, uint32_t b) {
-    return children[a].name < children[b].name;
-  });
-  for (size_t i = 1; i < n; ++i) {
-    if (children[sorted_[i]].name == children[sorted_[i - 1]].name) return false;
+  size_t capacity = 16;
+  while (capacity < 2 * n) capacity *= 2;
+  slots_.assign(capacity, 0);
+  const size_t mask = capacity - 1;
+  for (size_t i = 0; i < n; ++i) {
+    const std::string& name = children[i].name;
+    size_t slot = hashName(name.data(), name.size()) & mask;
+    while (slots_[slot] != 0) {
+      if (children[slots_[slot] - 1].name == name) return false;
+      slot = (slot + 1) & mask;
+    }
+    slots_[slot] = static_cast<uint32_t>(i + 1);
   }
   return true;
 }
 
 ptrdiff_t GroupNode::find(const char* name, size_t length) const {
-  if (sorted_.empty()) {
+  if (slots_.empty()) {
     for (size_t i = 0; i < children.size(); ++i) {
-      if (compareNames(children[i].name, name, length) == 0) return static_cast<ptrdiff_t>(i);
+      if (sameName(children[i].name, name, length)) return static_cast<ptrdiff_t>(i);
     }
     return -1;
   }
-  size_t lo = 0, hi = sorted_.size();
-  while (lo < hi) {
-    size_t mid = lo + (hi - lo) / 2;
-    int c = compareNames(children[sorted_[mid]].name, name, length);
-    if (c == 0) return sorted_[mid];
-    if (c < 0) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
+  const size_t mask = slots_.size() - 1;
+  size_t slot = hashName(name, length) & mask;
+  while (slots_[slot] != 0) {
+    size_t index = slots_[slot] - 1;
+    if (sameName(children[index].name, name, length)) return static_cast<ptrdiff_t>(index);
+    slot = (slot + 1) & mask;
   }
   return -1;
 }

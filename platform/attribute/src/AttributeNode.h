@@ -120,7 +120,7 @@ struct GroupChild {
 };
 
 // Children keep their order; names are unique, non-empty and free of '.' and
-// NUL. Groups larger than a few children carry a sorted index for lookup.
+// NUL. Groups larger than a few children carry a hash index for lookup.
 struct GroupNode final : Node {
   const std::vector<GroupChild> children;
   const bool groupInherit;
@@ -136,8 +136,9 @@ struct GroupNode final : Node {
       : Node(kXoAttributeTypeGroup), children(std::move(c)), groupInherit(inherit) {}
   bool buildIndex();
 
-  // Positions into children, sorted by name; empty for small groups.
-  std::vector<uint32_t> sorted_;
+  // Open-addressing table of child position + 1 (0 = free slot), a power of
+  // two at least twice the child count; empty for small groups.
+  std::vector<uint32_t> slots_;
 };
 
 // A name that may stand as one child name.
