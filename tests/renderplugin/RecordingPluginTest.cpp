@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <map>
 #include <regex>
 #include <thread>
 
 #include "TestSupport.h"
 #include "XoRendererPlugin/XoRendererPluginManager.h"
+#include "XoScenegraph/XoScenegraphIterator.h"
 
 using namespace Arbolite3::internal::XoAttribute;
 using Rendering::XoRendererPlugin;
@@ -23,10 +25,11 @@ std::string tid() { return std::to_string(syscall(SYS_gettid)); }
 
 class RecordingPlugin : public testing::Test {
  protected:
-  XoRendererPlugin create(std::vector<std::pair<std::string, std::string>> args) {
+  XoRendererPlugin create(std::vector<std::pair<std::string, std::string>> args,
+                          XoSgIteratorStruct* scene = nullptr) {
     args.insert(args.begin(), {"recordFile", record_});
     arguments_ = testsupport::stringGroup(args);
-    return XoRendererPluginManager::getRendererPlugin("recording", nullptr,
+    return XoRendererPluginManager::getRendererPlugin("recording", scene,
                                                       arguments_.getHandle());
   }
   void TearDown() override { XoRendererPluginManager::destroyInstances(); }
@@ -77,6 +80,31 @@ TEST_F(RecordingPlugin, RecordsEverySlotWithItsThread) {
       "destroy " + t + " 0"};
   EXPECT_THAT(lines(), testing::ElementsAreArray(expected));
   EXPECT_NE(otherTid, t);
+}
+
+Arbolite3::internal::XoScenegraphIterator sceneFile(const std::string& name,
+                                                   const std::string& json) {
+  const std::string path = testsupport::scratchDir() + "/" + name;
+  std::ofstream(path) << json;
+  return Arbolite3::internal::XoScenegraphIterator::getIteratorFromFile(path);
+}
+
+TEST_F(RecordingPlugin, RecordsTheScenesItIsGiven) {
+  XoRendererPlugin p;
+  {
+    // The plug-in keeps the iterators alive after the caller dropped them.
+    auto first = sceneFile("first.json",
+                           R"({"optree": 1, "root": {"children": [{"name": "a"}, {"name": "b"}]}})");
+    ASSERT_TRUE(first.isValid());
+    p = create({}, first.getHandle());
+    auto second = sceneFile("second.json", R"({"optree": 1, "root": {"name": "top"}})");
+    ASSERT_TRUE(second.isValid());
+    p.suite->setSceneIterator(p.handle, second.getHandle());
+  }
+  XoRendererPluginManager::destroyInstances();
+  const std::string t = tid();
+  EXPECT_THAT(lines(), ElementsAre(MatchesRegex("create " + t + " /root\\(a,b\\) \\{recordFile=.*\\}"),
+                                   "setSceneIterator " + t + " /top()", "destroy " + t + " 0"));
 }
 
 TEST_F(RecordingPlugin, DescribesUpdatesOnOneLine) {
