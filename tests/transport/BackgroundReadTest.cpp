@@ -1,0 +1,212 @@
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "LocalListener.h"
+#include "UTIL/src/Socket.h"
+
+using Arbolite3::Base::FileDescriptor;
+using UTIL::IPC::Byte;
+using UTIL::IPC::TCPSocket;
+
+namespace {
+
+// Keeps every record it gets; `onRecord` decides whether to go on.
+class Recorder : public UTIL::IPC::ReadCallback {
+ public:
+  explicit Recorder(size_t size) : ReadCallback(size, nullptr) {}
+
+  bool readComplete(const Byte* data, size_t size) override {
+    std::string record(reinterpret_cast<const char*>(data), size);
+    bool more = onRecord ? onRecord(record) : true;
+    std::lock_guard<std::mutex> lock(mutex);
+    records.push_back(record);
+    changed.notify_all();
+    return more;
+  }
+  void readFailed() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++failures;
+    changed.notify_all();
+  }
+
+  // Waits until `done` holds, or a few seconds pass.
+  bool waitFor(const std::function<bool()>& done) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(5), done);
+  }
+  std::vector<std::string> snapshot() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return records;
+  }
+
+  std::function<bool(const std::string&)> onRecord;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> records;
+  int failures = 0;
+};
+
+struct Connection {
+  LocalListener listener;
+  TCPSocket client{"127.0.0.1", listener.port()};
+  FileDescriptor peer = listener.accept();
+};
+
+// Records "00000000", "00000001", ... of 8 bytes, written until stopped.
+class NumberedSender {
+ public:
+  explicit NumberedSender(int fd)
+      : thread_([this, fd] {
+          char record[9];
+          for (uint32_t n = 0; !stop_; ++n) {
+            std::snprintf(record, sizeof record, "%08u", n);
+            if (::send(fd, record, 8, MSG_NOSIGNAL) != 8) break;
+          }
+        }) {}
+  ~NumberedSender() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+}  // namespace
+
+TEST(BackgroundRead, DeliversRecordsOfTheRequestedSizeInOrder) {
+  Connection c;
+  Recorder recorder(4);
+  // The callback sets the size of the next read.
+  recorder.onRecord = [&](const std::string& record) {
+    recorder.readSize = record == "head" ? 6 : 4;
+    return true;
+  };
+  c.client.readAsync(&recorder);
+  sendAll(c.peer.get(), "headpayloadabc");
+  ASSERT_TRUE(recorder.waitFor([&] { return recorder.records.size() == 3; }));
+  EXPECT_EQ(recorder.snapshot(), (std::vector<std::string>{"head", "payloa", "dabc"}));
+  EXPECT_EQ(recorder.failures, 0);
+  c.client.close();
+}
+
+TEST(BackgroundRead, ShortRecordAtPeerCloseThenOneFailure) {
+  Connection c;
+  Recorder recorder(10);
+  c.client.readAsync(&recorder);
+  sendAll(c.peer.get(), "0123456789abc");
+  c.peer.reset();
+  ASSERT_TRUE(recorder.waitFor([&] { return recorder.failures == 1; }));
+  EXPECT_EQ(recorder.snapshot(), (std::vector<std::string>{"0123456789", "abc"}));
+  EXPECT_TRUE(c.client.isConnected());
+  c.client.close();  // the reader is gone: no handshake to wait for
+  EXPECT_FALSE(c.client.isConnected());
+  EXPECT_EQ(recorder.failures, 1);
+}
+
+TEST(BackgroundRead, ZeroReadSizeEndsTheReaderOnceReadable) {
+  Connection c;
+  Recorder recorder(0);
+  c.client.readAsync(&recorder);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(recorder.failures, 0);  // nothing readable yet
+  sendAll(c.peer.get(), "x");
+  ASSERT_TRUE(recorder.waitFor([&] { return recorder.failures == 1; }));
+  EXPECT_TRUE(recorder.snapshot().empty());
+}
+
+TEST(BackgroundRead, RefusingCallbackEndsTheReaderWithoutFailure) {
+  Connection c;
+  Recorder recorder(2);
+  recorder.onRecord = [](const std::string&) { return false; };
+  c.client.readAsync(&recorder);
+  sendAll(c.peer.get(), "abcdef");
+  ASSERT_TRUE(recorder.waitFor([&] { return !recorder.records.empty(); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  c.client.close();
+  EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"ab"});
+  EXPECT_EQ(recorder.failures, 0);
+}
+
+TEST(BackgroundRead, CancelBeforeTheReaderStarts) {
+  // Closing right after readAsync usually stops a thread that hasn't run
+  // yet; the handshake must work whichever came first.
+  for (int i = 0; i < 100; ++i) {
+    Connection c;
+    Recorder recorder(1);
+    sendAll(c.peer.get(), "z");
+    c.client.readAsync(&recorder);
+    c.client.close();
+    const size_t delivered = recorder.snapshot().size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(recorder.snapshot().size(), delivered);
+    EXPECT_LE(delivered, 1u);
+    EXPECT_EQ(recorder.failures, 0);
+  }
+}
+
+TEST(BackgroundRead, CloseFromInsideTheCallbackDoesNotBlock) {
+  Connection c;
+  Recorder recorder(3);
+  recorder.onRecord = [&](const std::string&) {
+    c.client.close();
+    return true;  // the reader must stop all the same
+  };
+  c.client.readAsync(&recorder);
+  sendAll(c.peer.get(), "onetwothree");
+  ASSERT_TRUE(recorder.waitFor([&] { return !recorder.records.empty(); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"one"});
+  EXPECT_FALSE(c.client.isConnected());
+  EXPECT_EQ(recorder.failures, 0);
+}
+
+TEST(BackgroundRead, CancelIsHonouredWithDataAlwaysReady) {
+  Connection c;
+  Recorder recorder(8);
+  NumberedSender sender(c.peer.get());
+  c.client.readAsync(&recorder);
+  ASSERT_TRUE(recorder.waitFor([&] { return recorder.records.size() > 1000; }));
+  c.client.close();
+  const size_t delivered = recorder.snapshot().size();
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(recorder.snapshot().size(), delivered);
+  c.peer.reset();
+}
+
+TEST(BackgroundRead, SecondReadAsyncTakesOverAtARecordBoundary) {
+  Connection c;
+  Recorder first(8), second(8);
+  NumberedSender sender(c.peer.get());
+  c.client.readAsync(&first);
+  ASSERT_TRUE(first.waitFor([&] { return first.records.size() > 500; }));
+  c.client.readAsync(&second);
+  const size_t firstCount = first.snapshot().size();
+  ASSERT_TRUE(second.waitFor([&] { return second.records.size() > 500; }));
+  c.client.close();
+  c.peer.reset();
+
+  // The first reader got nothing after the switch, and together they saw
+  // every record exactly once, in order.
+  const std::vector<std::string> a = first.snapshot(), b = second.snapshot();
+  EXPECT_EQ(a.size(), firstCount);
+  std::vector<std::string> all(a);
+  all.insert(all.end(), b.begin(), b.end());
+  for (size_t i = 0; i < all.size(); ++i) {
+    char expected[24];
+    std::snprintf(expected, sizeof expected, "%08zu", i);
+    ASSERT_EQ(all[i], expected) << "record " << i;
+  }
+}
