@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
-#include <regex>
 
 #include "SampleAttributes.h"
 #include "XoAttribute/Attribute.h"
@@ -43,11 +43,11 @@ TEST(Xml, NumbersReadBackExactly) {
   const float f[] = {0.1f, 1.0f / 3.0f, 3.4028235e38f, 1e-45f};
   const double d[] = {0.1, 1.0 / 3.0, 1.7976931348623157e308, 5e-324, -0.0};
   std::string text = FloatAttribute(f, 4, 1).getXML() + DoubleAttribute(d, 5, 1).getXML();
-  std::smatch m;
-  std::regex values("value=\"([^\"]*)\"");
   std::vector<std::string> found;
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), values); it != std::sregex_iterator(); ++it) {
-    found.push_back((*it)[1]);
+  const std::string key = "value=\"";
+  for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at)) {
+    at += key.size();
+    found.push_back(text.substr(at, text.find('"', at) - at));
   }
   ASSERT_EQ(found.size(), 2u);
   const char* p = found[0].c_str();

@@ -14,10 +14,10 @@ namespace {
 // Below this many children a linear scan beats the index.
 constexpr size_t kIndexThreshold = 8;
 
+// acq_rel rather than release plus a fence: the same cost on x86, and
+// visible to the thread sanitizer.
 inline bool dropReference(const Node* node) {
-  if (node->refCount.fetch_sub(1, std::memory_order_release) != 1) return false;
-  std::atomic_thread_fence(std::memory_order_acquire);
-  return true;
+  return node->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
 
 inline bool sameName(const std::string& a, const char* b, size_t bLength) {
