@@ -26,6 +26,16 @@ class Reader {
   size_t remaining() const { return static_cast<size_t>(end_ - p_); }
   bool atEnd() const { return p_ == end_; }
 
+  // Bytes that the children of open groups, not yet started, need at least.
+  // Counts are checked against what is left after them, so that nested
+  // groups cannot each claim the whole rest of the buffer and together
+  // reserve many times its size.
+  // A child that ate into the promised bytes leaves nothing available, so the
+  // next count check fails, as it should for such input.
+  size_t available() const { return remaining() > promised_ ? remaining() - promised_ : 0; }
+  void promise(size_t n) { promised_ += n; }
+  void unpromise(size_t n) { promised_ -= n; }
+
   bool u8(uint8_t* v) {
     if (remaining() < 1) return false;
     *v = *p_++;
@@ -63,6 +73,7 @@ class Reader {
  private:
   const unsigned char* p_;
   const unsigned char* end_;
+  size_t promised_ = 0;
 };
 
 // Tuple size and value count, with the count proven to fit in the rest of
@@ -72,7 +83,7 @@ bool readShape(Reader& in, size_t minBytes, size_t* tupleSize, size_t* count) {
   uint64_t n;
   if (!in.u32(&tuple) || !in.u64(&n)) return false;
   if (tuple == 0 || n % tuple != 0) return false;
-  if (n > in.remaining() / minBytes) return false;
+  if (n > in.available() / minBytes) return false;
   *tupleSize = tuple;
   *count = static_cast<size_t>(n);
   return true;
@@ -169,7 +180,7 @@ const Node* parseBinaryNode(const void* data, size_t length) {
         uint8_t flags;
         uint32_t count;
         if (!in.u8(&flags) || (flags & ~binary::kGroupInheritFlag) != 0) return nullptr;
-        if (!in.u32(&count) || count > in.remaining() / kMinChildBytes) return nullptr;
+        if (!in.u32(&count) || count > in.available() / kMinChildBytes) return nullptr;
         if (stack.size() + 1 > binary::kMaxDepth) return nullptr;
         bool inherit = (flags & binary::kGroupInheritFlag) != 0;
         if (count == 0) {
@@ -177,6 +188,7 @@ const Node* parseBinaryNode(const void* data, size_t length) {
           break;
         }
         stack.push_back(Frame{{}, count, inherit, {}});
+        in.promise((count - 1) * kMinChildBytes);
         stack.back().children.reserve(count);
         if (!readName(in, &stack.back().pendingName)) return nullptr;
         continue;
@@ -196,6 +208,7 @@ const Node* parseBinaryNode(const void* data, size_t length) {
       if (!node) return nullptr;  // duplicate child names
     }
     if (stack.empty()) return in.atEnd() ? node.release() : nullptr;
+    in.unpromise(kMinChildBytes);
     if (!readName(in, &stack.back().pendingName)) return nullptr;
   }
 }

@@ -37,7 +37,8 @@ class Attribute {
   bool isValid() const { return handle_ != nullptr; }
   AttributeType getType() const;
 
-  // Deterministic, escaped XML text; "" for an invalid attribute.
+  // Deterministic, escaped XML text (see docs/attribute-xml.md); "" for an
+  // invalid attribute.
   std::string getXML() const;
 
   // Versioned little-endian binary form (see docs/attribute-binary.md);
@@ -123,6 +124,8 @@ class GroupAttribute : public Attribute {
   bool getGroupInherit() const;
 };
 
+// Not thread-safe: a builder belongs to one thread at a time. The groups it
+// builds are immutable and may be shared freely.
 class GroupBuilder {
  public:
   enum BuilderMode {
