@@ -1,7 +1,6 @@
 #include "base/WakeEvent.h"
 
 #include <sys/eventfd.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -12,7 +11,8 @@
 namespace Arbolite3 {
 namespace Base {
 
-WakeEvent::WakeEvent() : fd_(static_cast<int>(::syscall(SYS_eventfd2, 0, EFD_CLOEXEC))) {
+// glibc's eventfd() is the eventfd2 system call.
+WakeEvent::WakeEvent() : fd_(::eventfd(0, EFD_CLOEXEC)) {
   if (fd_ < 0) throwErrno();
 }
 

@@ -45,6 +45,10 @@ class Recorder : public UTIL::IPC::ReadCallback {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::seconds(5), done);
   }
+  int failureCount() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return failures;
+  }
   std::vector<std::string> snapshot() {
     std::lock_guard<std::mutex> lock(mutex);
     return records;
@@ -98,7 +102,7 @@ TEST(BackgroundRead, DeliversRecordsOfTheRequestedSizeInOrder) {
   sendAll(c.peer.get(), "headpayloadabc");
   ASSERT_TRUE(recorder.waitFor([&] { return recorder.records.size() == 3; }));
   EXPECT_EQ(recorder.snapshot(), (std::vector<std::string>{"head", "payloa", "dabc"}));
-  EXPECT_EQ(recorder.failures, 0);
+  EXPECT_EQ(recorder.failureCount(), 0);
   c.client.close();
 }
 
@@ -113,7 +117,7 @@ TEST(BackgroundRead, ShortRecordAtPeerCloseThenOneFailure) {
   EXPECT_TRUE(c.client.isConnected());
   c.client.close();  // the reader is gone: no handshake to wait for
   EXPECT_FALSE(c.client.isConnected());
-  EXPECT_EQ(recorder.failures, 1);
+  EXPECT_EQ(recorder.failureCount(), 1);
 }
 
 TEST(BackgroundRead, ZeroReadSizeEndsTheReaderOnceReadable) {
@@ -121,7 +125,7 @@ TEST(BackgroundRead, ZeroReadSizeEndsTheReaderOnceReadable) {
   Recorder recorder(0);
   c.client.readAsync(&recorder);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(recorder.failures, 0);  // nothing readable yet
+  EXPECT_EQ(recorder.failureCount(), 0);  // nothing readable yet
   sendAll(c.peer.get(), "x");
   ASSERT_TRUE(recorder.waitFor([&] { return recorder.failures == 1; }));
   EXPECT_TRUE(recorder.snapshot().empty());
@@ -137,7 +141,7 @@ TEST(BackgroundRead, RefusingCallbackEndsTheReaderWithoutFailure) {
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
   c.client.close();
   EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"ab"});
-  EXPECT_EQ(recorder.failures, 0);
+  EXPECT_EQ(recorder.failureCount(), 0);
 }
 
 TEST(BackgroundRead, CancelBeforeTheReaderStarts) {
@@ -153,7 +157,7 @@ TEST(BackgroundRead, CancelBeforeTheReaderStarts) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(recorder.snapshot().size(), delivered);
     EXPECT_LE(delivered, 1u);
-    EXPECT_EQ(recorder.failures, 0);
+    EXPECT_EQ(recorder.failureCount(), 0);
   }
 }
 
@@ -170,33 +174,36 @@ TEST(BackgroundRead, CloseFromInsideTheCallbackDoesNotBlock) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"one"});
   EXPECT_FALSE(c.client.isConnected());
-  EXPECT_EQ(recorder.failures, 0);
+  EXPECT_EQ(recorder.failureCount(), 0);
 }
 
 TEST(BackgroundRead, CancelIsHonouredWithDataAlwaysReady) {
   Connection c;
   Recorder recorder(8);
-  NumberedSender sender(c.peer.get());
-  c.client.readAsync(&recorder);
-  ASSERT_TRUE(recorder.waitFor([&] { return recorder.records.size() > 1000; }));
-  c.client.close();
-  const size_t delivered = recorder.snapshot().size();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  EXPECT_EQ(recorder.snapshot().size(), delivered);
-  c.peer.reset();
+  {
+    NumberedSender sender(c.peer.get());
+    c.client.readAsync(&recorder);
+    ASSERT_TRUE(recorder.waitFor([&] { return recorder.records.size() > 1000; }));
+    c.client.close();
+    const size_t delivered = recorder.snapshot().size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(recorder.snapshot().size(), delivered);
+  }
 }
 
 TEST(BackgroundRead, SecondReadAsyncTakesOverAtARecordBoundary) {
   Connection c;
   Recorder first(8), second(8);
-  NumberedSender sender(c.peer.get());
-  c.client.readAsync(&first);
-  ASSERT_TRUE(first.waitFor([&] { return first.records.size() > 500; }));
-  c.client.readAsync(&second);
-  const size_t firstCount = first.snapshot().size();
-  ASSERT_TRUE(second.waitFor([&] { return second.records.size() > 500; }));
-  c.client.close();
-  c.peer.reset();
+  size_t firstCount;
+  {
+    NumberedSender sender(c.peer.get());
+    c.client.readAsync(&first);
+    ASSERT_TRUE(first.waitFor([&] { return first.records.size() > 500; }));
+    c.client.readAsync(&second);
+    firstCount = first.snapshot().size();
+    ASSERT_TRUE(second.waitFor([&] { return second.records.size() > 500; }));
+    c.client.close();
+  }
 
   // The first reader got nothing after the switch, and together they saw
   // every record exactly once, in order.
