@@ -27,16 +27,14 @@ GroupAttribute valueUpdate(int value) {
   return GroupBuilder().set("value", IntAttribute(value)).build();
 }
 
-TEST_F(SdkPlugin, OutsideBuiltPluginLoadsBesideTheInstalledOnes) {
+TEST_F(SdkPlugin, OutsideBuiltPluginWorksBesideTheInstalledOnes) {
   EXPECT_THAT(XoRendererPluginManager::getRegisteredNames(),
               IsSupersetOf({"recording", "null", "sdkexample"}));
   auto info =
       Rendering::XoRendererInfoPluginManager::getRendererInfoPluginByRegisteredName("sdkexample");
   ASSERT_TRUE(info.isValid());
   EXPECT_STREQ(info.suite->getRendererName(), "SDK Example");
-}
 
-TEST_F(SdkPlugin, SlotsWorkThroughTheSuite) {
   GroupAttribute args = GroupBuilder()
                             .set("renderer", StringAttribute("sdkexample"))
                             .set("tempDir", StringAttribute("/tmp"))
