@@ -27,6 +27,10 @@ const char* const kControllingProcessVariable = "__SELVANE_CONTROLLING_PROCESS";
 
 using Microseconds = boost::chrono::duration<long, boost::micro>;
 
+// Writes a whole line at once: other threads log to the same stream, and a
+// line put together piece by piece could be split by theirs.
+void printLine(const std::ostringstream& line) { std::cerr << line.str() << std::flush; }
+
 std::string executableNameForMessage() {
   try {
     return Arbolite3::Base::getExecutableName();
@@ -61,8 +65,10 @@ void publishThisProcess() {
   std::ostringstream text;
   text << getpid() << ';' << creationTime;
   if (error) {
-    std::cerr << "[BOOTSTRAP] WARNING: Failed to get process creation time: \""
-              << error.message() << "\"" << std::endl;
+    std::ostringstream message;
+    message << "[BOOTSTRAP] WARNING: Failed to get process creation time: \""
+            << error.message() << "\"\n";
+    printLine(message);
     return;
   }
   setenv(kControllingProcessVariable, text.str().c_str(), 1);
@@ -79,9 +85,11 @@ void controllingProcessBody() {
     long creationTime = 0;
     in >> pid >> separator >> creationTime;
     if (in.fail() || in.bad()) {
-      std::cerr << "[BOOTSTRAP] ERROR: Failed to parse value of internal "
-                   "__SELVANE_CONTROLLING_PROCESS environment variable: \""
-                << value << "\"" << std::endl;
+      std::ostringstream message;
+      message << "[BOOTSTRAP] ERROR: Failed to parse value of internal "
+                 "__SELVANE_CONTROLLING_PROCESS environment variable: \""
+              << value << "\"\n";
+      printLine(message);
     } else {
       startWatchdog(pid, creationTime, value);
     }
@@ -107,17 +115,23 @@ void watchControllingProcess(int pid, Microseconds creationTime, const char* nam
     boost::this_thread::sleep_for(boost::chrono::milliseconds(500));
   }
 
-  std::cerr << "[BOOTSTRAP] ERROR: Failed to determine existence of parent process "
-               "with the given PID "
-            << pid << ": \"" << error.message() << "\"" << std::endl;
-  std::cerr << "[BOOTSTRAP] INFO: The PID of the parent process is defined by the "
-               "value of the internal "
-            << name << " environment variable: \"" << value << "\"" << std::endl;
+  std::ostringstream failed;
+  failed << "[BOOTSTRAP] ERROR: Failed to determine existence of parent process "
+            "with the given PID "
+         << pid << ": \"" << error.message() << "\"\n";
+  printLine(failed);
+  std::ostringstream source;
+  source << "[BOOTSTRAP] INFO: The PID of the parent process is defined by the "
+            "value of the internal "
+         << name << " environment variable: \"" << value << "\"\n";
+  printLine(source);
 
   if (error == boost::system::errc::no_such_process) {
-    std::cerr << "[BOOTSTRAP] WARNING: Parent process not found: PID " << pid
-              << ". Terminating this `" << executableNameForMessage() << "` process (PID "
-              << getpid() << ")..." << std::endl;
+    std::ostringstream terminating;
+    terminating << "[BOOTSTRAP] WARNING: Parent process not found: PID " << pid
+                << ". Terminating this `" << executableNameForMessage() << "` process (PID "
+                << getpid() << ")...\n";
+    printLine(terminating);
     _exit(1);
   }
   // Any other error: the process goes on without a watchdog.
