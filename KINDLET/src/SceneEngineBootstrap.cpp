@@ -4,6 +4,8 @@
 
 #include "SceneEngineBootstrap.h"
 
+#include <signal.h>
+
 #include <exception>
 #include <iostream>
 #include <sstream>
@@ -135,7 +137,16 @@ void startInterpreter(const std::string& home, const std::string& path, long lon
   homeWide = Py_DecodeLocale(home.c_str(), nullptr);
   Py_SetPythonHome(homeWide);
   Py_SetProgramName(L"Kindlet");
+  // The interpreter installs a SIGINT handler of its own and ignores SIGXFSZ.
+  // No Python code runs on the main thread to act on an interrupt, so its
+  // handler would only swallow one; the process keeps its own dispositions.
+  struct sigaction interruptAction;
+  struct sigaction fileSizeAction;
+  sigaction(SIGINT, nullptr, &interruptAction);
+  sigaction(SIGXFSZ, nullptr, &fileSizeAction);
   Py_Initialize();
+  sigaction(SIGINT, &interruptAction, nullptr);
+  sigaction(SIGXFSZ, &fileSizeAction, nullptr);
   PyEval_InitThreads();
 
   // Replaces whatever the interpreter worked out for itself; copied by Python.

@@ -37,6 +37,10 @@ def _smoke(A):
     log.debug("debug at verbosity %d", v)
     log.info("round trip %s, values %s", again == group, again.getChildByName("a.b").getValues())
     log.warning("warning at verbosity %d", v)
+    status = dict(line.split(":", 1) for line in open("/proc/self/status"))
+    caught, ignored = (int(status[k].strip(), 16) for k in ("SigCgt", "SigIgn"))
+    log.warning("SIGINT caught %s, SIGXFSZ ignored %s", bool(caught >> 1 & 1),
+                bool(ignored >> 24 & 1))
 
 class _AfterArboliteAPI(object):
     def find_spec(self, name, path=None, target=None):
@@ -160,6 +164,9 @@ TEST_F(SceneEngineBootstrap, DefaultsSetTheKeysAndStartPythonWithItsModules) {
   EXPECT_GT(smoke, starting) << r.all();
   EXPECT_GT(finished, smoke) << r.all();
   EXPECT_FALSE(r.has("[DEBUG Python] smoke: debug at verbosity 1"));
+  // The interpreter's own handlers would swallow an interrupt.
+  EXPECT_TRUE(r.has("[WARNING Python] smoke: SIGINT caught False, SIGXFSZ ignored False"))
+      << r.all();
 }
 
 TEST_F(SceneEngineBootstrap, VerbosityParsesLikeStoll) {
