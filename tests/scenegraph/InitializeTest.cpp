@@ -1,9 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,27 +21,19 @@ namespace {
 auto& config() { return Arbolite3::XoConfiguration::v1::Config(); }
 
 std::string makeDir(const std::string& relative) {
-  std::string path = scenetest::scratchDir();
-  size_t start = 0;
-  while (start < relative.size()) {
-    size_t end = relative.find('/', start);
-    if (end == std::string::npos) end = relative.size();
-    path += "/" + relative.substr(start, end - start);
-    mkdir(path.c_str(), 0755);
-    start = end + 1;
-  }
+  const std::string path = scenetest::scratchDir() + "/" + relative;
+  std::filesystem::create_directories(path);
   return path;
 }
 
 class Initialize : public testing::Test {
  protected:
   void SetUp() override {
-    XoArbolite3Uninitialize();
-    config().erase("SELVANE_ROOT");
-    config().erase("SELVANE_RENDERER_PLUGIN_PATH");
+    reset();
     scenetest::newLogLines();
   }
-  void TearDown() override {
+  void TearDown() override { reset(); }
+  static void reset() {
     XoArbolite3Uninitialize();
     config().erase("SELVANE_ROOT");
     config().erase("SELVANE_RENDERER_PLUGIN_PATH");

@@ -32,6 +32,10 @@ constexpr unsigned kJsonParseFlags = rapidjson::kParseIterativeFlag |
 // offset.
 bool parseJson(rapidjson::Document& document, const char* data, size_t size, std::string* error);
 
+// Child names must survive dotted lookup and the C boundary: non-empty,
+// without '.' or NUL.
+bool validChildName(const std::string& name, std::string* reason);
+
 // One JSON value to an attribute; `path` is the dotted name used in errors
 // ("" for the value itself), `depth` the group nesting so far.
 XoAttribute::Attribute attributeFromJsonValue(const rapidjson::Value& value, const std::string& path,

@@ -2,13 +2,7 @@
 
 #include <cfloat>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <vector>
-
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "JsonLimits.h"
 
@@ -28,6 +22,22 @@ bool parseJson(rapidjson::Document& document, const char* data, size_t size, std
   return false;
 }
 
+bool validChildName(const std::string& name, std::string* reason) {
+  if (name.empty()) {
+    *reason = "empty child name";
+    return false;
+  }
+  if (name.find('.') != std::string::npos) {
+    *reason = "child name \"" + name + "\" contains '.'";
+    return false;
+  }
+  if (name.find('\0') != std::string::npos) {
+    *reason = "child name contains a NUL character";
+    return false;
+  }
+  return true;
+}
+
 namespace {
 
 std::string quoted(const std::string& text) { return "\"" + text + "\""; }
@@ -45,22 +55,6 @@ std::string jsonKey(const rapidjson::Value& key) {
   return std::string(key.GetString(), key.GetStringLength());
 }
 
-// A child name must survive dotted lookup and the C boundary.
-bool validChildName(const std::string& name, std::string* reason) {
-  if (name.empty()) {
-    *reason = "empty child name";
-    return false;
-  }
-  if (name.find('.') != std::string::npos) {
-    *reason = "child name " + quoted(name) + " contains '.'";
-    return false;
-  }
-  if (name.find('\0') != std::string::npos) {
-    *reason = "child name contains a NUL character";
-    return false;
-  }
-  return true;
-}
 
 bool isIntegerLiteral(const rapidjson::Value& v) { return v.IsInt64() || v.IsUint64(); }
 
@@ -361,128 +355,6 @@ Attribute attributeFromJsonValue(const rapidjson::Value& value, const std::strin
 
 }  // namespace detail
 
-namespace {
-
-// Shortest text that reads back as the same float, always with '.' or an
-// exponent so that it stays a float in shorthand arrays too.
-std::string floatText(float f) {
-  if (std::isnan(f)) return "NaN";
-  if (std::isinf(f)) return f < 0 ? "-Infinity" : "Infinity";
-  char buffer[32];
-  for (int precision = 6; precision <= 9; ++precision) {
-    std::snprintf(buffer, sizeof buffer, "%.*g", precision, static_cast<double>(f));
-    if (std::strtof(buffer, nullptr) == f) break;
-  }
-  std::string text = buffer;
-  if (text.find_first_of(".e") == std::string::npos) text += ".0";
-  return text;
-}
-
-template <typename W>
-class JsonEmitter {
- public:
-  explicit JsonEmitter(W& writer) : w_(writer) {}
-
-  bool emit(const Attribute& attr) {
-    switch (attr.getType()) {
-      case kTypeNull:
-        return w_.Null();
-      case kTypeInt: {
-        IntAttribute a(attr);
-        const std::vector<int32_t> values = a.getValues();
-        return data("int", values.size(), a.getTupleSize(), [&] {
-          for (int32_t v : values)
-            if (!w_.Int(v)) return false;
-          return true;
-        });
-      }
-      case kTypeFloat: {
-        FloatAttribute a(attr);
-        const std::vector<float> values = a.getValues();
-        return typed("float", a.getTupleSize(), [&] {
-          for (float v : values) {
-            const std::string text = floatText(v);
-            if (!w_.RawValue(text.data(), text.size(), rapidjson::kNumberType)) return false;
-          }
-          return true;
-        });
-      }
-      case kTypeDouble: {
-        DoubleAttribute a(attr);
-        const std::vector<double> values = a.getValues();
-        return typed("double", a.getTupleSize(), [&] {
-          for (double v : values)
-            if (!w_.Double(v)) return false;
-          return true;
-        });
-      }
-      case kTypeString: {
-        StringAttribute a(attr);
-        const std::vector<std::string> values = a.getValues();
-        return data("string", values.size(), a.getTupleSize(), [&] {
-          for (const std::string& v : values)
-            if (!w_.String(v.data(), static_cast<rapidjson::SizeType>(v.size()))) return false;
-          return true;
-        });
-      }
-      case kTypeGroup:
-        return group(GroupAttribute(attr));
-      default:
-        return false;
-    }
-  }
-
- private:
-  // One value of tuple size 1 is written bare, several as a plain array;
-  // anything else in the "$type" form.
-  template <typename Values>
-  bool data(const char* type, size_t count, size_t tupleSize, Values values) {
-    if (tupleSize == 1 && count == 1) return values();
-    if (tupleSize == 1 && count > 1) return w_.StartArray() && values() && w_.EndArray();
-    return typed(type, tupleSize, values);
-  }
-
-  template <typename Values>
-  bool typed(const char* type, size_t tupleSize, Values values) {
-    if (!(w_.StartObject() && w_.Key("$type") && w_.String(type))) return false;
-    if (tupleSize != 1 && !(w_.Key("$tupleSize") && w_.Uint64(tupleSize))) return false;
-    return w_.Key("$value") && w_.StartArray() && values() && w_.EndArray() && w_.EndObject();
-  }
-
-  bool group(const GroupAttribute& g) {
-    // Deeper groups would not read back, and the recursion must stay bounded.
-    if (depth_ >= detail::kMaxAttributeDepth) return false;
-    const size_t count = g.getNumberOfChildren();
-    bool plain = g.getGroupInherit();
-    for (size_t i = 0; i < count && plain; ++i) {
-      const std::string name = g.getChildName(i);
-      plain = name.empty() || name[0] != '$';
-    }
-    if (!plain) {
-      if (!(w_.StartObject() && w_.Key("$type") && w_.String("group"))) return false;
-      if (!g.getGroupInherit() && !(w_.Key("$groupInherit") && w_.Bool(false))) return false;
-      if (!w_.Key("$value")) return false;
-    }
-    if (!w_.StartObject()) return false;
-    ++depth_;
-    for (size_t i = 0; i < count; ++i) {
-      const std::string name = g.getChildName(i);
-      std::string reason;
-      if (!detail::validChildName(name, &reason)) return false;
-      if (!w_.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()))) return false;
-      if (!emit(g.getChildByIndex(i))) return false;
-    }
-    --depth_;
-    if (!w_.EndObject()) return false;
-    return plain || w_.EndObject();
-  }
-
-  W& w_;
-  int depth_ = 0;
-};
-
-}  // namespace
-
 Attribute attributeFromJsonText(const std::string& json, std::string* error) {
   if (json.size() > detail::kMaxJsonBytes) {
     if (error != nullptr)
@@ -492,19 +364,6 @@ Attribute attributeFromJsonText(const std::string& json, std::string* error) {
   rapidjson::Document document;
   if (!detail::parseJson(document, json.data(), json.size(), error)) return Attribute();
   return detail::attributeFromJsonValue(document, "", 0, error);
-}
-
-std::string attributeToJsonText(const Attribute& attr) {
-  if (!attr.isValid()) return std::string();
-  using JsonWriter =
-      rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
-                        rapidjson::CrtAllocator,
-                        rapidjson::kWriteValidateEncodingFlag | rapidjson::kWriteNanAndInfFlag>;
-  rapidjson::StringBuffer buffer;
-  JsonWriter writer(buffer);
-  JsonEmitter<JsonWriter> emitter(writer);
-  if (!emitter.emit(attr)) return std::string();
-  return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 }  // namespace internal
