@@ -1,0 +1,216 @@
+#include "KINDLET/src/RenderManager.h"
+
+#include <cstdio>
+#include <algorithm>
+#include <cstring>
+
+#include "KINDLET/src/KindletLog.h"
+#include "KINDLET/src/RerenderControl/RerenderIPC.h"
+#include "XoConfiguration/Configuration.h"
+
+namespace Rendering {
+
+using Arbolite3::internal::XoAttribute::Attribute;
+using Arbolite3::internal::XoAttribute::GroupAttribute;
+using Arbolite3::internal::XoAttribute::GroupBuilder;
+using Arbolite3::internal::XoAttribute::kTypeGroup;
+
+namespace {
+
+const char kSource[] = "KINDLET/src/RenderManager";
+const char kPerRenderKey[] = "__perRenderUpdateAttributes";
+
+std::string configValue(const char* key) {
+  return Arbolite3::XoConfiguration::v1::Config().get(key);
+}
+
+void logDebug(const char* text, int line) {
+  if (kindletLog().debugEnabled()) kindletLog().debug(text, kSource, line);
+}
+
+// Calls a slot if the plug-in filled it; an empty slot acts as a no-op.
+#define CALL_SLOT(slot, ...) \
+  (pluginSuite->slot != nullptr ? pluginSuite->slot(pluginHandle, ##__VA_ARGS__) : 0)
+
+}  // namespace
+
+Manager::Manager(XoRendererPluginHandle pluginHandle_, XoRendererPluginSuite* pluginSuite_,
+                 const std::string& host_, uint16_t portControl_, uint16_t portData_,
+                 long sequenceID_)
+    : pluginHandle(pluginHandle_),
+      pluginSuite(pluginSuite_),
+      liveRenderState(0),
+      host(host_),
+      portControl(portControl_),
+      portData(portData_) {
+  char text[32];
+  snprintf(text, sizeof text, "%ld", sequenceID_);
+  sequenceID = text;
+
+  if (configValue("SELVANE_DISABLE_PREVANE_PLUS") == "1" &&
+      Arbolite3::XoConfiguration::v1::Config().has("SELVANE_LRUA_DEBUG") &&
+      kindletLog().warnEnabled()) {
+    kindletLog().warn(
+        "Live render update attribute debugging (SELVANE_LRUA_DEBUG) only available in Prevane+",
+        kSource, __LINE__);
+  }
+  // The warning warns and nothing more: a set key opens the file either way.
+  std::string debugPath = configValue("SELVANE_LRUA_DEBUG");
+  if (!debugPath.empty()) updateDebugFile.open(debugPath, std::ios::out | std::ios::trunc);
+}
+
+Manager::~Manager() {
+  if (pluginSuite != nullptr && pluginHandle != nullptr) CALL_SLOT(teardown);
+}
+
+int32_t Manager::setup() {
+  if (pluginSuite == nullptr || pluginHandle == nullptr) return -1;
+  return CALL_SLOT(setup);
+}
+
+int32_t Manager::render(const std::string& renderMethodType) {
+  // Their sockets and read callbacks are never closed or freed: the reader
+  // threads need them until the process ends, also after this render returned.
+  RerenderIPC controlChannel;
+  RerenderIPC dataChannel;
+
+  if (pluginHandle == nullptr) {
+    if (kindletLog().errorEnabled())
+      kindletLog().error("Rendering::Manager::render(): No render plug-in handle set.", kSource, __LINE__);
+    return 1;
+  }
+  if (pluginSuite == nullptr) {
+    if (kindletLog().errorEnabled())
+      kindletLog().error("Rendering::Manager::render(): No render plug-in suite set.", kSource, __LINE__);
+    return 1;
+  }
+
+  const bool channelsWanted = configValue("SELVANE_DISABLE_PREVANE_PLUS") == "1" &&
+                              !host.empty() && portControl != 0 && portData != 0;
+  if (channelsWanted) {
+    // A channel that fails prints its own line; the render goes on without it.
+    controlChannel.connectControl(this, host, portControl);
+    dataChannel.connectData(this, host, portData);
+  }
+
+  logDebug("Calling renderPlugin.start()...", __LINE__);
+  CALL_SLOT(start);
+  logDebug("Call of renderPlugin.start() returned.", __LINE__);
+
+  if (renderMethodType == "liveRender") {
+    logDebug("Calling renderPlugin.startLiveEditing()...", __LINE__);
+    CALL_SLOT(startLiveEditing);
+    logDebug("Call of renderPlugin.startLiveEditing() returned.", __LINE__);
+
+    // After startLiveEditing: a stop that came earlier is overwritten.
+    storeLiveRenderState(1);
+
+    logDebug("Entering Live Render loop...", __LINE__);
+    runLiveRenderLoop();
+    logDebug("Exited Live Render loop.", __LINE__);
+
+    logDebug("Calling renderPlugin.stopLiveEditing()...", __LINE__);
+    CALL_SLOT(stopLiveEditing);
+    logDebug("Call of renderPlugin.stopLiveEditing() returned.", __LINE__);
+  }
+
+  logDebug("Calling renderPlugin.stop()...", __LINE__);
+  CALL_SLOT(stop);
+  logDebug("Call of renderPlugin.stop() returned.", __LINE__);
+  return 0;
+}
+
+void Manager::runLiveRenderLoop() {
+  while (loadLiveRenderState() == 1) {
+    std::unique_lock<std::mutex> lock(wakeMutex);
+    // No predicate and no time-out: every delivery wakes us, and a spurious
+    // wake-up costs one more question to the plug-in.
+    wakeCondition.wait(lock);
+    if (loadLiveRenderState() == 1) {
+      if ((CALL_SLOT(hasQueuedUpdates) & 0xff) != 0) CALL_SLOT(applyQueuedUpdates);
+    }
+  }
+}
+
+void Manager::wake() { wakeCondition.notify_one(); }
+
+__attribute__((noinline)) int32_t Manager::loadLiveRenderState() const {
+  return liveRenderState;
+}
+
+__attribute__((noinline)) void Manager::storeLiveRenderState(int32_t value) {
+  liveRenderState = value;
+}
+
+void Manager::processLiveRenderData(const char* data, size_t length) {
+  Attribute parsed = Attribute::parseBinary(data, length);
+  if (!parsed.isValid() || parsed.getType() != kTypeGroup) {
+    if (kindletLog().errorEnabled()) {
+      kindletLog().error(
+          "Rendering::Manager::processLiveRenderData(): Given binary data could not be parsed "
+          "into a GroupAttribute. Ignoring Live Render update.",
+          kSource, __LINE__);
+    }
+    wake();
+    return;
+  }
+  GroupAttribute update(parsed);
+  GroupAttribute perRender(update.getChildByName(kPerRenderKey));
+  if (!perRender.isValid()) {
+    // Absent, or not a group: the update goes through whole.
+    CALL_SLOT(submitUpdate, update.getHandle());
+    wake();
+    return;
+  }
+
+  GroupBuilder builder;
+  // This render's own part first, then the common update over it.
+  GroupAttribute own(perRender.getChildByName(sequenceID));
+  if (own.isValid()) builder.update(own);
+  builder.update(update);
+  builder.del(kPerRenderKey);
+  {
+    GroupAttribute merged = builder.build(GroupBuilder::BuildAndFlush);
+    CALL_SLOT(submitUpdate, merged.getHandle());
+  }
+  wake();
+}
+
+void Manager::processLiveRenderUpdate(const GroupAttribute& update) {
+  if (kindletLog().debugEnabled()) {
+    kindletLog().debug("Processing Live Render Update: " + update.getXML(), kSource, __LINE__);
+  }
+  if (updateDebugFile.is_open()) {
+    updateDebugFile << update.getXML() << "\n" << "<<<<<<<<\n" << "\n";
+    updateDebugFile.flush();
+  }
+  CALL_SLOT(submitUpdate, update.getHandle());
+  wake();
+}
+
+void Manager::processControlCommand(const std::string& command) {
+  ControlCommandRecord record;
+  std::memset(&record, 0, sizeof record);
+  // At most 256 bytes; a longer command fills the record without terminator.
+  std::memcpy(record.text, command.c_str(), std::min(std::strlen(command.c_str()), sizeof record.text));
+  processControlCommand(record);
+}
+
+void Manager::processControlCommand(ControlCommandRecord record) {
+  if (record.text[0] == '\0') return;  // an empty command does not even wake
+  // The comparisons include the terminator: only the exact words match.
+  if (std::memcmp(record.text, "stopLiveEditing", 16) == 0) {
+    storeLiveRenderState(2);
+  } else if (std::memcmp(record.text, "pauseRerender", 14) == 0) {
+    if (kindletLog().warnEnabled()) {
+      kindletLog().warn("Live Render control command 'pauseRerender' is deprecated.", kSource,
+                        __LINE__);
+    }
+    CALL_SLOT(pauseRerender);
+  } else {
+    CALL_SLOT(handleControlCommand, record.text);
+  }
+  wake();
+}
+
+}  // namespace Rendering

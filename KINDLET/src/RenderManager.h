@@ -1,0 +1,66 @@
+// Rendering::Manager drives one renderer plug-in through its renders: start
+// to stop for a batch render, and for a live render the live-render loop,
+// while updates and control commands reach the plug-in from other threads.
+// It holds no scene data and no queue: the queue of a live render is the
+// plug-in's.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <string>
+
+#include "KINDLET/src/ControlCommandRecord.h"
+#include "XoAttribute/Attribute.h"
+#include "XoRendererPlugin/XoRendererPluginSuite.h"
+
+namespace Rendering {
+
+class Manager {
+ public:
+  Manager(XoRendererPluginHandle pluginHandle, XoRendererPluginSuite* pluginSuite,
+          const std::string& host, uint16_t portControl, uint16_t portData,
+          long sequenceID);
+  virtual ~Manager();
+  Manager(const Manager&) = delete;
+  Manager& operator=(const Manager&) = delete;
+
+  // Main thread only. -1 without a plug-in, else the plug-in's result.
+  int32_t setup();
+  // Main thread only; once per Op tree file. Returns when the render is done,
+  // or, for "liveRender", when a "stopLiveEditing" command has ended the loop.
+  int32_t render(const std::string& renderMethodType);
+
+  // Any thread, at any time, no lock: each hands its input straight to the
+  // plug-in and then wakes the live-render loop.
+  void processLiveRenderData(const char* data, size_t length);
+  void processLiveRenderUpdate(const Arbolite3::internal::XoAttribute::GroupAttribute& update);
+  void processControlCommand(const std::string& command);
+  void processControlCommand(ControlCommandRecord record);
+
+  const std::string& getSequenceID() const { return sequenceID; }
+
+ private:
+  void runLiveRenderLoop();
+  void wake();
+  // The state is a plain integer shared between threads by design; these two
+  // are its only readers and writers, so a race detector can be told about
+  // exactly this access and nothing else.
+  int32_t loadLiveRenderState() const;
+  void storeLiveRenderState(int32_t value);
+
+  XoRendererPluginHandle pluginHandle;
+  XoRendererPluginSuite* pluginSuite;
+  int32_t liveRenderState;  // 0 none yet, 1 loop runs, 2 stop requested
+  std::string host;
+  uint16_t portControl;
+  uint16_t portData;
+  std::string sequenceID;
+  std::ofstream updateDebugFile;
+  std::condition_variable wakeCondition;
+  std::mutex wakeMutex;  // taken by the live-render loop alone
+};
+
+}  // namespace Rendering
