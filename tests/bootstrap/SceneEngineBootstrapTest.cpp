@@ -113,7 +113,12 @@ class SceneEngineBootstrap : public ::testing::Test {
              kRoot + "/bin/python"},
         {"SELVANE_DEFAULT_ASSET_PLUGIN", "FileAsset"},
         {"SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", "FileSequence"},
+        {"LSAN_OPTIONS", "suppressions=" KINDLET_SOURCE_DIR "/tests/bootstrap/lsan.supp"},
     };
+    // Sanitizer settings of a sanitizer build reach kindlet as well.
+    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      if (const char* value = getenv(name)) environment[name] = value;
+    }
   }
   void TearDown() override { boost::filesystem::remove_all(scratch); }
 
