@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "XoConfiguration/Configuration.h"
+#include "XoLoggingHost/XoLoggerGlue.h"
 
 namespace testsupport {
 namespace {
@@ -29,6 +30,9 @@ class PluginEnvironment : public ::testing::Environment {
     config.set("SELVANE_RENDERER_PLUGIN_PATH",
                std::string(SHIPPED_PLUGIN_DIR) + ":" + TEST_PLUGIN_DIR + "::/nonexistent/dir");
     config.set("SELVANE_LOG_FILE", logFile());
+    // The discovery test reads the error lines, whatever the caller's level.
+    config.set("SELVANE_LOG_LEVEL", "info");
+    XoLoggingHost::XoLoggerGlue::reloadThreshold();
   }
   void TearDown() override {
     std::error_code ignored;
