@@ -1,0 +1,405 @@
+// kindlet-control: plays the controlling application of a live render. It
+// listens on a control port and a data port on 127.0.0.1, can start kindlet
+// itself, accepts kindlet's two connections and then sends what a script
+// says. See docs/controller.md.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Script.h"
+#include "base/ExecutablePath.h"
+#include "base/FileDescriptor.h"
+#include "base/ProcessCreationTime.h"
+
+using Arbolite3::Base::FileDescriptor;
+using KindletControl::Step;
+
+extern char** environ;
+
+namespace {
+
+const char usage[] =
+    "usage: kindlet-control [options] [-- kindlet options...]\n"
+    "  --control-port N     port of the control channel (default 0: a free one)\n"
+    "  --data-port N        port of the data channel (default 0: a free one)\n"
+    "  --script FILE        commands to run (default: standard input)\n"
+    "  --start              start the kindlet installed beside this program\n"
+    "  --kindlet PATH       start this kindlet\n"
+    "  --connect-timeout S  give up when kindlet hasn't connected after S seconds (60)\n"
+    "  --timeout S          kill kindlet when it hasn't ended S seconds after the\n"
+    "                       script asked to wait (default: wait for ever)\n"
+    "Options after -- go to kindlet, after the live-render options this program\n"
+    "adds (-host 127.0.0.1:0 -portControl N -portData M -renderMethodType liveRender).\n"
+    "Exit status: kindlet's (128 + signal when killed), or 0 without a child;\n"
+    "2 for a usage or script error, 3 when kindlet didn't connect.\n";
+
+struct Options {
+  unsigned short controlPort = 0;
+  unsigned short dataPort = 0;
+  std::string script;
+  std::string kindlet;
+  bool start = false;
+  double connectTimeout = 60;
+  double timeout = 0;
+  std::vector<std::string> kindletOptions;
+};
+
+bool parseNumber(const char* text, double& value) {
+  char* rest = nullptr;
+  value = std::strtod(text, &rest);
+  return *text != '\0' && *rest == '\0' && value >= 0;
+}
+
+bool parseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string option = argv[i];
+    if (option == "--") {
+      options.kindletOptions.assign(argv + i + 1, argv + argc);
+      return true;
+    }
+    if (option == "--start") {
+      options.start = true;
+      continue;
+    }
+    if (option == "--help" || option == "-h") return false;
+    if (i + 1 >= argc) return false;
+    const char* value = argv[++i];
+    double number = 0;
+    if (option == "--script") {
+      options.script = value;
+    } else if (option == "--kindlet") {
+      options.kindlet = value;
+      options.start = true;
+    } else if ((option == "--control-port" || option == "--data-port") &&
+               parseNumber(value, number) && number <= 65535) {
+      (option == "--control-port" ? options.controlPort : options.dataPort) =
+          static_cast<unsigned short>(number);
+    } else if (option == "--connect-timeout" && parseNumber(value, number)) {
+      options.connectTimeout = number;
+    } else if (option == "--timeout" && parseNumber(value, number)) {
+      options.timeout = number;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+FileDescriptor listenOn(unsigned short& port) {
+  FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int one = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  socklen_t length = sizeof address;
+  if (!fd || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(fd.get(), 4) != 0 ||
+      ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    std::cerr << "kindlet-control: cannot listen on 127.0.0.1:" << port << ": "
+              << std::strerror(errno) << std::endl;
+    return FileDescriptor();
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+// The kindlet child, if this program started one.
+class Child {
+ public:
+  bool start(const Options& options, unsigned short controlPort, unsigned short dataPort) {
+    std::string path = options.kindlet;
+    if (path.empty()) {
+      const std::string self = Arbolite3::Base::getExecutablePath();
+      path = self.substr(0, self.rfind('/') + 1) + "kindlet";
+    }
+    std::vector<std::string> arguments = {path,
+                                          "-host",
+                                          "127.0.0.1:0",
+                                          "-portControl",
+                                          std::to_string(controlPort),
+                                          "-portData",
+                                          std::to_string(dataPort),
+                                          "-renderMethodType",
+                                          "liveRender"};
+    arguments.insert(arguments.end(), options.kindletOptions.begin(),
+                     options.kindletOptions.end());
+
+    // kindlet ends itself when this program goes away.
+    const int self = ::getpid();
+    const int64_t created = Arbolite3::Base::getProcessCreationTime(self, nullptr);
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry; ++entry) {
+      const std::string text = *entry;
+      if (text.rfind("SELVANE_DISABLE_PREVANE_PLUS=", 0) != 0 &&
+          text.rfind("__SELVANE_CONTROLLING_PROCESS=", 0) != 0)
+        environment.push_back(text);
+    }
+    environment.push_back("SELVANE_DISABLE_PREVANE_PLUS=1");
+    if (created >= 0)
+      environment.push_back("__SELVANE_CONTROLLING_PROCESS=" + std::to_string(self) + ";" +
+                            std::to_string(created));
+
+    // Everything the child needs is built before fork: between fork and exec
+    // only async-signal-safe calls.
+    std::vector<char*> argv, envp;
+    for (std::string& text : arguments) argv.push_back(&text[0]);
+    argv.push_back(nullptr);
+    for (std::string& text : environment) envp.push_back(&text[0]);
+    envp.push_back(nullptr);
+
+    pid_ = ::fork();
+    if (pid_ < 0) {
+      std::cerr << "kindlet-control: fork: " << std::strerror(errno) << std::endl;
+      return false;
+    }
+    if (pid_ == 0) {
+      ::execve(argv[0], argv.data(), envp.data());
+      static const char failed[] = "kindlet-control: cannot run kindlet\n";
+      ssize_t ignored = ::write(2, failed, sizeof failed - 1);
+      (void)ignored;
+      ::_exit(127);
+    }
+    std::cout << "kindlet pid " << pid_ << std::endl;
+    return true;
+  }
+
+  bool started() const { return pid_ > 0; }
+  bool ended() { return poll(0); }
+
+  // Waits up to `seconds` (0: no limit) for the end; false on time-out.
+  bool waitFor(double seconds) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!poll(seconds > 0 ? 20 : -1))
+      if (seconds > 0 && std::chrono::steady_clock::now() >= deadline) return false;
+    return true;
+  }
+
+  void kill() {
+    if (started() && !ended()) {
+      ::kill(pid_, SIGKILL);
+      poll(-1);
+    }
+  }
+
+  // Prints the end once; the status this program then exits with.
+  int report() {
+    if (!reported_) {
+      if (WIFEXITED(status_))
+        std::cout << "kindlet exited with status " << WEXITSTATUS(status_) << std::endl;
+      else
+        std::cout << "kindlet killed by signal " << WTERMSIG(status_) << std::endl;
+      reported_ = true;
+    }
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+  }
+
+ private:
+  // Reaps the child if it has ended, waiting up to `milliseconds` (-1: no
+  // limit, 0: not at all).
+  bool poll(int milliseconds) {
+    if (done_) return true;
+    if (milliseconds < 0) {
+      pid_t result;
+      do {
+        result = ::waitpid(pid_, &status_, 0);
+      } while (result < 0 && errno == EINTR);
+      return done_ = result == pid_;
+    }
+    for (int waited = 0;; waited += 5) {
+      if (::waitpid(pid_, &status_, WNOHANG) == pid_) return done_ = true;
+      if (waited >= milliseconds) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+
+  pid_t pid_ = -1;
+  int status_ = 0;
+  bool done_ = false;
+  bool reported_ = false;
+};
+
+// Accepts one connection on each listener, in whatever order they come.
+bool acceptBoth(FileDescriptor& controlListener, FileDescriptor& dataListener,
+                FileDescriptor& control, FileDescriptor& data, Child& child, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!control || !data) {
+    if (child.started() && child.ended()) {
+      std::cerr << "kindlet-control: kindlet ended before it connected" << std::endl;
+      return false;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      std::cerr << "kindlet-control: no connection on the " << (control ? "data" : "control")
+                << " port within " << seconds << " s" << std::endl;
+      return false;
+    }
+    pollfd entries[2] = {{controlListener.get(), POLLIN, 0}, {dataListener.get(), POLLIN, 0}};
+    if (::poll(entries, 2, 100) <= 0) continue;
+    for (int i = 0; i < 2; ++i) {
+      FileDescriptor& target = i == 0 ? control : data;
+      if (!target && (entries[i].revents & POLLIN)) {
+        target.reset(::accept4(entries[i].fd, nullptr, nullptr, SOCK_CLOEXEC));
+        if (target) std::cout << "connected " << (i == 0 ? "control" : "data") << std::endl;
+      }
+    }
+  }
+  return true;
+}
+
+bool sendAll(FileDescriptor& fd, const std::string& bytes, const char* channel, int line) {
+  if (!fd) {
+    std::cerr << "kindlet-control: line " << line << ": the " << channel
+              << " channel is closed" << std::endl;
+    return false;
+  }
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const ssize_t n = ::send(fd.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      std::cerr << "kindlet-control: line " << line << ": " << channel
+                << " channel: " << std::strerror(errno) << std::endl;
+      return false;
+    }
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void resetConnection(FileDescriptor& fd) {
+  const linger abort = {1, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  fd.reset();
+}
+
+// Without a child: kindlet never writes on the channels, so the end of both
+// streams means its process has ended.
+void waitForDisconnect(FileDescriptor& control, FileDescriptor& data) {
+  for (FileDescriptor* fd : {&control, &data}) {
+    char buffer[4096];
+    while (*fd && ::recv(fd->get(), buffer, sizeof buffer, 0) > 0) {
+    }
+  }
+  std::cout << "kindlet disconnected" << std::endl;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parseOptions(argc, argv, options)) {
+    std::cerr << usage;
+    return 2;
+  }
+  std::ifstream scriptFile;
+  if (!options.script.empty() && options.script != "-") {
+    scriptFile.open(options.script);
+    if (!scriptFile) {
+      std::cerr << "kindlet-control: cannot read " << options.script << std::endl;
+      return 2;
+    }
+  }
+  std::istream& script = scriptFile.is_open() ? scriptFile : std::cin;
+
+  FileDescriptor controlListener = listenOn(options.controlPort);
+  FileDescriptor dataListener = listenOn(options.dataPort);
+  if (!controlListener || !dataListener) return 2;
+  std::cout << "control port " << options.controlPort << "\n"
+            << "data port " << options.dataPort << std::endl;
+
+  Child child;
+  if (options.start && !child.start(options, options.controlPort, options.dataPort)) return 2;
+
+  FileDescriptor control, data;
+  if (!acceptBoth(controlListener, dataListener, control, data, child, options.connectTimeout)) {
+    if (child.started() && child.ended()) return child.report();
+    child.kill();
+    return 3;
+  }
+
+  std::string text;
+  int lineNumber = 0;
+  while (std::getline(script, text)) {
+    ++lineNumber;
+    Step step;
+    std::string error;
+    if (!KindletControl::parseLine(text, step, error)) {
+      std::cerr << "kindlet-control: line " << lineNumber << ": " << error << std::endl;
+      child.kill();
+      return 2;
+    }
+    switch (step.kind) {
+      case Step::None:
+        break;
+      case Step::SendData:
+        sendAll(data, step.bytes, "data", lineNumber);
+        break;
+      case Step::SendControl:
+        sendAll(control, step.bytes, "control", lineNumber);
+        break;
+      case Step::Sleep:
+        std::this_thread::sleep_for(std::chrono::milliseconds(step.milliseconds));
+        break;
+      case Step::CloseData:
+        data.reset();
+        break;
+      case Step::CloseControl:
+        control.reset();
+        break;
+      case Step::ResetData:
+        resetConnection(data);
+        break;
+      case Step::ResetControl:
+        resetConnection(control);
+        break;
+      case Step::Stop: {
+        std::string record;
+        KindletControl::controlRecord("stopLiveEditing", record, error);
+        // A stop that lands just before kindlet's render loop goes to sleep
+        // wakes nobody; sending it again costs nothing.
+        for (int attempt = 0; attempt < 10; ++attempt) {
+          if (!sendAll(control, record, "control", lineNumber)) break;
+          if (!child.started() || child.waitFor(2)) break;
+        }
+        break;
+      }
+      case Step::Wait:
+        if (!child.started()) {
+          waitForDisconnect(control, data);
+        } else if (child.waitFor(options.timeout)) {
+          child.report();
+        } else {
+          std::cerr << "kindlet-control: kindlet still running after " << options.timeout
+                    << " s; killing it" << std::endl;
+          child.kill();
+          child.report();
+        }
+        break;
+    }
+  }
+
+  if (!child.started()) return 0;
+  if (!child.waitFor(options.timeout)) {
+    std::cerr << "kindlet-control: kindlet still running after " << options.timeout
+              << " s; killing it" << std::endl;
+    child.kill();
+  }
+  return child.report();
+}
