@@ -129,6 +129,12 @@ TEST(AttributeJson, RoundTrips) {
   ASSERT_FALSE(text.empty());
   EXPECT_EQ(parse(text), original) << text;
   EXPECT_EQ(attributeToJsonText(parse(text)), text);
+  // Long decimals must be read exactly, or their shortest text reads back
+  // as a neighbouring double.
+  const Attribute longDigits = parse(
+      R"({"$type": "double", "$value": [77777777777777777777483877483874832483274837483448387448)"
+      R"(332748387483448387483248327467664966549677496687777, 77777777777777777777]})");
+  EXPECT_EQ(parse(attributeToJsonText(longDigits)), longDigits);
   for (const Attribute& single : {Attribute(IntAttribute(ints, 4, 1)), Attribute(NullAttribute()),
                                   Attribute(DoubleAttribute(doubles, 4, 4))})
     EXPECT_EQ(parse(attributeToJsonText(single)), single);

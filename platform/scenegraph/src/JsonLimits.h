@@ -21,9 +21,11 @@ constexpr int kMaxAttributeDepth = 64;
 constexpr int kMaxLocationDepth = 256;
 
 // The iterative parser does not recurse, so deeply nested input cannot blow
-// the stack before our own depth checks see it. Comments are allowed: the
-// files are written by hand.
+// the stack before our own depth checks see it. Full precision makes numbers
+// read back exactly as written. Comments are allowed: the files are written
+// by hand.
 constexpr unsigned kJsonParseFlags = rapidjson::kParseIterativeFlag |
+                                     rapidjson::kParseFullPrecisionFlag |
                                      rapidjson::kParseValidateEncodingFlag |
                                      rapidjson::kParseNanAndInfFlag |
                                      rapidjson::kParseCommentsFlag;
