@@ -21,7 +21,8 @@ TCPSocketImpl::BackgroundReadRequest::~BackgroundReadRequest() = default;
 boost::shared_ptr<TCPSocketImpl::BackgroundReadRequest> TCPSocketImpl::BackgroundReadRequest::start(
     boost::shared_ptr<TCPSocketImpl> socket, ReadCallback* callback) {
   boost::shared_ptr<BackgroundReadRequest> request(
-      new BackgroundReadRequest(std::move(socket), callback));
+      new BackgroundReadRequest(socket, callback));
+  socket->runningReaders.fetch_add(1, std::memory_order_relaxed);
   boost::thread reader(boost::bind(&BackgroundReadRequest::run, request.get(), request));
   reader.detach();
   return request;
@@ -53,6 +54,7 @@ void TCPSocketImpl::BackgroundReadRequest::run(boost::shared_ptr<BackgroundReadR
     if (__atomic_load_n(&cancelled, __ATOMIC_ACQUIRE)) break;
   }
   stopped.signal();
+  socket->runningReaders.fetch_sub(1, std::memory_order_release);
 }
 
 void TCPSocketImpl::BackgroundReadRequest::cancel() {

@@ -128,6 +128,8 @@ void TCPSocketImpl::closeSocket() {
   if (boost::shared_ptr<BackgroundReadRequest> request = readRequest.lock()) {
     request->cancel();
     readRequest.reset();
+  } else {
+    runningReaders.load(std::memory_order_acquire);
   }
   if (isOpen()) {
     boost::system::error_code ignored;

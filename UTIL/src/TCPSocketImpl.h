@@ -2,6 +2,7 @@
 // shared pointer so that a reader thread can keep the connection alive.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -66,6 +67,10 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
   boost::asio::io_context context;  // never run: all I/O is synchronous
   boost::asio::ip::tcp::socket socket;
   boost::weak_ptr<BackgroundReadRequest> readRequest;
+  // Readers started and not yet finished. A reader leaves it as its last
+  // act, so reading it orders a close after everything a reader that ended
+  // by itself did with the socket and its callback.
+  std::atomic<int> runningReaders{0};
 };
 
 }  // namespace IPC

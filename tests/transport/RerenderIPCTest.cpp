@@ -229,8 +229,11 @@ TEST(RerenderLiveRender, ChannelsFeedTheLoopAndItOutlivesThem) {
   recording::reset();
   Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
   LocalListener controlListener, dataListener;
-  Rendering::Manager manager(recording::handle(), recording::suite(), "127.0.0.1",
-                             controlListener.port(), dataListener.port(), 7);
+  // render() leaves its readers running with no way to stop them, so the
+  // Manager must outlive the test, as it outlives main in kindlet.
+  Rendering::Manager& manager = *new Rendering::Manager(
+      recording::handle(), recording::suite(), "127.0.0.1", controlListener.port(),
+      dataListener.port(), 7);
   LiveRender render(manager);
   FileDescriptor controlPeer = controlListener.accept();
   FileDescriptor dataPeer = dataListener.accept();
@@ -240,9 +243,18 @@ TEST(RerenderLiveRender, ChannelsFeedTheLoopAndItOutlivesThem) {
 
   const GroupAttribute first = update("first", "1");
   sendAll(dataPeer.get(), frame(first));
-  ASSERT_TRUE(recording::waitFor([](const std::vector<std::string>& calls) {
-    return !calls.empty() && calls.back() == "applyQueuedUpdates 1";
-  }));
+  // The loop sleeps without a predicate, so an update that lands before it
+  // first sleeps wakes nobody. Empty payloads only wake it (and log an error).
+  bool applied = false;
+  for (int i = 0; i < 50 && !applied; ++i) {
+    applied = recording::waitFor(
+        [](const std::vector<std::string>& calls) {
+          return !calls.empty() && calls.back() == "applyQueuedUpdates 1";
+        },
+        std::chrono::milliseconds(100));
+    if (!applied) manager.processLiveRenderData("", 0);
+  }
+  ASSERT_TRUE(applied);
 
   // Both peers gone: the render keeps running until told otherwise.
   controlPeer.reset();
@@ -259,8 +271,11 @@ TEST(RerenderLiveRender, StopRecordWithTrailingBytesEndsTheRender) {
   recording::reset();
   Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
   LocalListener controlListener, dataListener;
-  Rendering::Manager manager(recording::handle(), recording::suite(), "127.0.0.1",
-                             controlListener.port(), dataListener.port(), 7);
+  // render() leaves its readers running with no way to stop them, so the
+  // Manager must outlive the test, as it outlives main in kindlet.
+  Rendering::Manager& manager = *new Rendering::Manager(
+      recording::handle(), recording::suite(), "127.0.0.1", controlListener.port(),
+      dataListener.port(), 7);
   LiveRender render(manager);
   FileDescriptor controlPeer = controlListener.accept();
   FileDescriptor dataPeer = dataListener.accept();
