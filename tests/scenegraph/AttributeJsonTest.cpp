@@ -47,6 +47,13 @@ TEST(AttributeJson, TypedFormGivesTupleSizesDoublesAndGroupFlags) {
   EXPECT_EQ(xf.getNumberOfValues(), 6u);
   EXPECT_EQ(DoubleAttribute(parse(R"({"$type": "double", "$value": 0.1})")).getValue(), 0.1);
   EXPECT_EQ(IntAttribute(parse(R"({"$type": "int", "$value": []})")).getNumberOfValues(), 0u);
+  const std::vector<float> special =
+      FloatAttribute(parse(R"({"$type": "float", "$value": ["NaN", "-Infinity", 1e-45]})")).getValues();
+  ASSERT_EQ(special.size(), 3u);
+  EXPECT_TRUE(std::isnan(special[0]));
+  EXPECT_EQ(special[1], -std::numeric_limits<float>::infinity());
+  EXPECT_GT(special[2], 0.0f);  // the smallest denormal, not zero
+  EXPECT_EQ(parse(R"("NaN")").getType(), kTypeString);  // plain texts stay texts
   EXPECT_EQ(parse(R"({"$type": "null"})").getType(), kTypeNull);
   GroupAttribute g(parse(R"({"$type": "group", "$groupInherit": false, "$value": {"$odd": 1}})"));
   ASSERT_TRUE(g.isValid());
@@ -59,9 +66,13 @@ TEST(AttributeJson, RejectsAmbiguousOrBrokenInput) {
       {"[]", "empty array has no type"},
       {R"([1, "a"])", "all strings or all numbers"},
       {"[[1]]", "all strings or all numbers"},
-      {"2147483648", "outside the 32-bit range"},
-      {"[1, 3000000000]", "outside the 32-bit range"},
+      {"2147483648", "outside the 32-bit integer range"},
+      {"[1, 3000000000]", "outside the 32-bit integer range"},
       {"1e39", "outside the float range"},
+      {"1e-50", "outside the float range"},
+      {R"({"$type": "double", "$value": 1e-400})", "outside the double range"},
+      {"NaN", "JSON error"},
+      {R"({"$type": "float", "$value": "nan"})", "number expected"},
       {R"({"$x": 1})", "reserved"},
       {R"({"a.b": 1})", "contains '.'"},
       {R"({"": 1})", "empty child name"},

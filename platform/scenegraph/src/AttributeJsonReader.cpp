@@ -1,10 +1,9 @@
 #include "XoScenegraph/AttributeJson.h"
 
-#include <cfloat>
-#include <cmath>
+#include <limits>
 #include <vector>
 
-#include "JsonLimits.h"
+#include "JsonReading.h"
 
 namespace Arbolite3 {
 namespace internal {
@@ -12,15 +11,6 @@ namespace internal {
 using namespace XoAttribute;
 
 namespace detail {
-
-bool parseJson(rapidjson::Document& document, const char* data, size_t size, std::string* error) {
-  document.Parse<kJsonParseFlags>(data, size);
-  if (!document.HasParseError()) return true;
-  if (error != nullptr)
-    *error = "JSON error at byte " + std::to_string(document.GetErrorOffset()) + ": " +
-             rapidjson::GetParseError_En(document.GetParseError());
-  return false;
-}
 
 bool validChildName(const std::string& name, std::string* reason) {
   if (name.empty()) {
@@ -56,50 +46,33 @@ std::string jsonKey(const rapidjson::Value& key) {
 }
 
 
-bool isIntegerLiteral(const rapidjson::Value& v) { return v.IsInt64() || v.IsUint64(); }
-
 // Element readers for the typed form and the shorthand arrays.
 bool readInt(const rapidjson::Value& v, int32_t* out, std::string* why) {
-  if (v.IsInt()) {
-    *out = v.GetInt();
-    return true;
-  }
-  *why = isIntegerLiteral(v) ? "integer outside the 32-bit range" : "int value expected";
-  return false;
+  return numberToInt(v, out, why);
+}
+
+// Plain JSON has no NaN or infinities; the typed form spells them as texts.
+template <typename T>
+bool nonFinite(const rapidjson::Value& v, T* out) {
+  if (!isText(v)) return false;
+  const std::string text = jsonKey(v);
+  if (text == "NaN") *out = std::numeric_limits<T>::quiet_NaN();
+  else if (text == "Infinity") *out = std::numeric_limits<T>::infinity();
+  else if (text == "-Infinity") *out = -std::numeric_limits<T>::infinity();
+  else return false;
+  return true;
 }
 
 bool readFloat(const rapidjson::Value& v, float* out, std::string* why) {
-  if (!v.IsNumber()) {
-    *why = "number expected";
-    return false;
-  }
-  const double d = v.GetDouble();
-  // Texts a little above FLT_MAX (such as its own shortest form) still round
-  // to it; beyond that the conversion would be undefined.
-  constexpr double kLastRoundingToMax = double(FLT_MAX) + 0x1p103;
-  if (std::isfinite(d) && std::fabs(d) > FLT_MAX) {
-    if (std::fabs(d) >= kLastRoundingToMax) {
-      *why = "number outside the float range";
-      return false;
-    }
-    *out = d < 0 ? -FLT_MAX : FLT_MAX;
-    return true;
-  }
-  *out = static_cast<float>(d);
-  return true;
+  return nonFinite(v, out) || numberToFloat(v, out, why);
 }
 
 bool readDouble(const rapidjson::Value& v, double* out, std::string* why) {
-  if (!v.IsNumber()) {
-    *why = "number expected";
-    return false;
-  }
-  *out = v.GetDouble();
-  return true;
+  return nonFinite(v, out) || numberToDouble(v, out, why);
 }
 
 bool readString(const rapidjson::Value& v, std::string* out, std::string* why) {
-  if (!v.IsString()) {
+  if (!isText(v)) {
     *why = "string expected";
     return false;
   }
@@ -217,7 +190,7 @@ Attribute typedForm(const rapidjson::Value& object, const std::string& path, int
     }
     *slot = &it->value;
   }
-  if (!type->IsString()) {
+  if (!isText(*type)) {
     fail(error, path, "\"$type\" must be a string");
     return Attribute();
   }
@@ -234,11 +207,13 @@ Attribute typedForm(const rapidjson::Value& object, const std::string& path, int
   }
   size_t tupleSize = 1;
   if (tuple != nullptr) {
-    if (!tuple->IsUint() || tuple->GetUint() == 0) {
+    uint32_t size = 0;
+    std::string why;
+    if (!numberToUint(*tuple, &size, &why) || size == 0) {
       fail(error, path, "\"$tupleSize\" must be a positive integer");
       return Attribute();
     }
-    tupleSize = tuple->GetUint();
+    tupleSize = size;
   }
 
   if (isNull) {
@@ -283,8 +258,8 @@ Attribute shorthandArray(const rapidjson::Value& array, const std::string& path,
   }
   bool strings = true, numbers = true, integers = true;
   for (const auto& v : array.GetArray()) {
-    strings = strings && v.IsString();
-    numbers = numbers && v.IsNumber();
+    strings = strings && isText(v);
+    numbers = numbers && isNumber(v);
     integers = integers && isIntegerLiteral(v);
   }
   std::string why;
@@ -318,6 +293,22 @@ Attribute shorthandArray(const rapidjson::Value& array, const std::string& path,
 Attribute attributeFromJsonValue(const rapidjson::Value& value, const std::string& path, int depth,
                                  std::string* error) {
   std::string why;
+  if (isNumber(value)) {
+    if (isIntegerLiteral(value)) {
+      int32_t i = 0;
+      if (!readInt(value, &i, &why)) {
+        fail(error, path, why + " (use {\"$type\": \"double\"} for big numbers)");
+        return Attribute();
+      }
+      return IntAttribute(i);
+    }
+    float f = 0;
+    if (!readFloat(value, &f, &why)) {
+      fail(error, path, why + " (use {\"$type\": \"double\"})");
+      return Attribute();
+    }
+    return FloatAttribute(f);
+  }
   switch (value.GetType()) {
     case rapidjson::kNullType:
       return NullAttribute();
@@ -327,27 +318,13 @@ Attribute attributeFromJsonValue(const rapidjson::Value& value, const std::strin
       return IntAttribute(1);
     case rapidjson::kStringType:
       return StringAttribute(jsonKey(value));
-    case rapidjson::kNumberType:
-      if (isIntegerLiteral(value)) {
-        int32_t i = 0;
-        if (!readInt(value, &i, &why)) {
-          fail(error, path, why + " (use {\"$type\": \"double\"} for big numbers)");
-          return Attribute();
-        }
-        return IntAttribute(i);
-      } else {
-        float f = 0;
-        if (!readFloat(value, &f, &why)) {
-          fail(error, path, why + " (use {\"$type\": \"double\"})");
-          return Attribute();
-        }
-        return FloatAttribute(f);
-      }
     case rapidjson::kArrayType:
       return shorthandArray(value, path, error);
     case rapidjson::kObjectType:
       if (value.HasMember("$type")) return typedForm(value, path, depth, error);
       return groupFromObject(value, path, depth, true, true, error);
+    case rapidjson::kNumberType:  // numbers arrive as marked texts
+      break;
   }
   fail(error, path, "unexpected JSON value");
   return Attribute();

@@ -8,7 +8,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#include "JsonLimits.h"
+#include "JsonReading.h"
 
 namespace Arbolite3 {
 namespace internal {
@@ -17,13 +17,12 @@ using namespace XoAttribute;
 
 namespace {
 
-// Shortest text that reads back as the same float, whatever the C locale,
-// always with '.' or an exponent so that it stays a float in shorthand too.
-std::string floatText(float f) {
-  if (std::isnan(f)) return "NaN";
-  if (std::isinf(f)) return f < 0 ? "-Infinity" : "Infinity";
-  char buffer[32];
-  const std::to_chars_result end = std::to_chars(buffer, buffer + sizeof buffer, f);
+// Shortest text that reads back as the same value, whatever the C locale,
+// always with '.' or an exponent so that a float stays one in shorthand.
+template <typename T>
+std::string numberText(T value) {
+  char buffer[40];
+  const std::to_chars_result end = std::to_chars(buffer, buffer + sizeof buffer, value);
   std::string text(buffer, end.ptr);
   if (text.find_first_of(".e") == std::string::npos) text += ".0";
   return text;
@@ -50,22 +49,12 @@ class JsonEmitter {
       case kTypeFloat: {
         FloatAttribute a(attr);
         const std::vector<float> values = a.getValues();
-        return typed("float", a.getTupleSize(), [&] {
-          for (float v : values) {
-            const std::string text = floatText(v);
-            if (!w_.RawValue(text.data(), text.size(), rapidjson::kNumberType)) return false;
-          }
-          return true;
-        });
+        return typed("float", a.getTupleSize(), [&] { return numbers(values); });
       }
       case kTypeDouble: {
         DoubleAttribute a(attr);
         const std::vector<double> values = a.getValues();
-        return typed("double", a.getTupleSize(), [&] {
-          for (double v : values)
-            if (!w_.Double(v)) return false;
-          return true;
-        });
+        return typed("double", a.getTupleSize(), [&] { return numbers(values); });
       }
       case kTypeString: {
         StringAttribute a(attr);
@@ -84,6 +73,22 @@ class JsonEmitter {
   }
 
  private:
+  // Plain JSON has no NaN or infinities: they are written as texts.
+  template <typename T>
+  bool numbers(const std::vector<T>& values) {
+    for (T v : values) {
+      if (std::isnan(v)) {
+        if (!w_.String("NaN")) return false;
+      } else if (std::isinf(v)) {
+        if (!w_.String(v < 0 ? "-Infinity" : "Infinity")) return false;
+      } else {
+        const std::string text = numberText(v);
+        if (!w_.RawValue(text.data(), text.size(), rapidjson::kNumberType)) return false;
+      }
+    }
+    return true;
+  }
+
   // One value of tuple size 1 is written bare, several as a plain array;
   // anything else in the "$type" form.
   template <typename Values>
@@ -139,7 +144,7 @@ std::string attributeToJsonText(const Attribute& attr) {
   using JsonWriter =
       rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
                         rapidjson::CrtAllocator,
-                        rapidjson::kWriteValidateEncodingFlag | rapidjson::kWriteNanAndInfFlag>;
+                        rapidjson::kWriteValidateEncodingFlag>;
   rapidjson::StringBuffer buffer;
   JsonWriter writer(buffer);
   JsonEmitter<JsonWriter> emitter(writer);

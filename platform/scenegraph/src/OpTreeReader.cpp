@@ -1,4 +1,4 @@
-#include "JsonLimits.h"
+#include "JsonReading.h"
 #include "OpTree.h"
 
 namespace Arbolite3 {
@@ -34,7 +34,7 @@ class Reader {
       *slot = &it->value;
     }
     if (version == nullptr) return fail("", "missing \"optree\" format version");
-    if (!version->IsInt() || version->GetInt() != kFormatVersion)
+    if (numberText(*version) != std::to_string(kFormatVersion))
       return fail("", "unsupported \"optree\" format version (this reader knows " +
                           std::to_string(kFormatVersion) + ")");
     if (root == nullptr) return fail("", "missing \"root\" location");
@@ -69,7 +69,7 @@ class Reader {
     }
 
     if (name != nullptr) {
-      if (!name->IsString()) return fail(guess, "\"name\" must be a string");
+      if (!isText(*name)) return fail(guess, "\"name\" must be a string");
       out->name = text(*name);
       if (out->name.empty()) return fail(guess, "\"name\" is empty");
       if (out->name.find('/') != std::string::npos)
@@ -84,7 +84,7 @@ class Reader {
     out->parent = parent;
 
     if (type != nullptr) {
-      if (!type->IsString()) return fail(out->fullName, "\"type\" must be a string");
+      if (!isText(*type)) return fail(out->fullName, "\"type\" must be a string");
       out->type = text(*type);
       if (out->type.find('\0') != std::string::npos)
         return fail(out->fullName, "\"type\" contains a NUL character");

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-#include "JsonLimits.h"
+#include "JsonReading.h"
 #include "OpTree.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 

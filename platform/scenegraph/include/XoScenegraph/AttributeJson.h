@@ -11,7 +11,9 @@
 //   {"$type": "float", "$value": [0, 0, 1], "$tupleSize": 3}
 //   {"$type": "group", "$groupInherit": false, "$value": {...}}
 // The "$type" form names the type explicitly: null, int, float, double,
-// string or group.
+// string or group. Float and double values may also be the texts "NaN",
+// "Infinity" and "-Infinity". Numbers convert exactly; out-of-range ones are
+// errors.
 #pragma once
 
 #include <string>

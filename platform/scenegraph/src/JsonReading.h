@@ -1,7 +1,9 @@
-// Limits and parse options shared by the attribute and Op tree readers.
+// JSON reading shared by the attribute and Op tree readers: limits, parsing,
+// exact number conversion.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include <rapidjson/document.h>
@@ -21,18 +23,33 @@ constexpr int kMaxAttributeDepth = 64;
 constexpr int kMaxLocationDepth = 256;
 
 // The iterative parser does not recurse, so deeply nested input cannot blow
-// the stack before our own depth checks see it. Full precision makes numbers
-// read back exactly as written. Comments are allowed: the files are written
-// by hand.
+// the stack before our own depth checks see it. Numbers are kept as their
+// source text and converted here, exactly (the library's own conversion is
+// either inexact or, in full precision, unsafe on extreme exponents).
+// Comments are allowed: the files are written by hand.
 constexpr unsigned kJsonParseFlags = rapidjson::kParseIterativeFlag |
-                                     rapidjson::kParseFullPrecisionFlag |
                                      rapidjson::kParseValidateEncodingFlag |
-                                     rapidjson::kParseNanAndInfFlag |
+                                     rapidjson::kParseNumbersAsStringsFlag |
                                      rapidjson::kParseCommentsFlag;
 
 // Parses `size` bytes; on failure returns false with a reason naming the
-// offset.
+// offset. Numbers become strings that start with a marker byte.
 bool parseJson(rapidjson::Document& document, const char* data, size_t size, std::string* error);
+
+// A JSON number of a parsed document, and its source text.
+bool isNumber(const rapidjson::Value& v);
+std::string numberText(const rapidjson::Value& v);
+// A JSON string (not a number).
+bool isText(const rapidjson::Value& v);
+// A number without fraction or exponent.
+bool isIntegerLiteral(const rapidjson::Value& v);
+
+// Exact conversions; false with a reason when `v` is not a number of that
+// kind or its value lies outside the type's range.
+bool numberToInt(const rapidjson::Value& v, int32_t* out, std::string* why);
+bool numberToUint(const rapidjson::Value& v, uint32_t* out, std::string* why);
+bool numberToFloat(const rapidjson::Value& v, float* out, std::string* why);
+bool numberToDouble(const rapidjson::Value& v, double* out, std::string* why);
 
 // Child names must survive dotted lookup and the C boundary: non-empty,
 // without '.' or NUL.

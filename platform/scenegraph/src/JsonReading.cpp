@@ -1,0 +1,139 @@
+#include "JsonReading.h"
+
+#include <charconv>
+#include <system_error>
+
+#include <rapidjson/memorystream.h>
+#include <rapidjson/encodedstream.h>
+#include <rapidjson/reader.h>
+
+namespace Arbolite3 {
+namespace internal {
+namespace detail {
+
+namespace {
+
+// Never part of valid UTF-8, so no JSON string can start with it.
+constexpr char kNumberMarker = '\xff';
+
+// Passes every event on to the document, numbers as marked text.
+template <typename Handler>
+struct NumberMarker {
+  Handler& to;
+  bool Null() { return to.Null(); }
+  bool Bool(bool b) { return to.Bool(b); }
+  bool Int(int i) { return to.Int(i); }
+  bool Uint(unsigned i) { return to.Uint(i); }
+  bool Int64(int64_t i) { return to.Int64(i); }
+  bool Uint64(uint64_t i) { return to.Uint64(i); }
+  bool Double(double d) { return to.Double(d); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+    std::string marked(1, kNumberMarker);
+    marked.append(text, length);
+    return to.String(marked.data(), static_cast<rapidjson::SizeType>(marked.size()), true);
+  }
+  bool String(const char* text, rapidjson::SizeType length, bool copy) {
+    return to.String(text, length, copy);
+  }
+  bool StartObject() { return to.StartObject(); }
+  bool Key(const char* text, rapidjson::SizeType length, bool copy) { return to.Key(text, length, copy); }
+  bool EndObject(rapidjson::SizeType count) { return to.EndObject(count); }
+  bool StartArray() { return to.StartArray(); }
+  bool EndArray(rapidjson::SizeType count) { return to.EndArray(count); }
+};
+
+struct Generator {
+  const char* data;
+  size_t size;
+  rapidjson::ParseResult* result;
+
+  template <typename Handler>
+  bool operator()(Handler& document) {
+    rapidjson::MemoryStream bytes(data, size);
+    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> input(bytes);
+    NumberMarker<Handler> marker{document};
+    rapidjson::Reader reader;
+    *result = reader.Parse<kJsonParseFlags>(input, marker);
+    return !result->IsError();
+  }
+};
+
+bool outOfRange(std::string* why, const char* type) {
+  *why = std::string("number outside the ") + type + " range";
+  return false;
+}
+
+template <typename T>
+bool convert(const rapidjson::Value& v, T* out, std::string* why, const char* type) {
+  if (!isNumber(v)) {
+    *why = "number expected";
+    return false;
+  }
+  const char* begin = v.GetString() + 1;
+  const char* end = v.GetString() + v.GetStringLength();
+  T value{};
+  const std::from_chars_result r = std::from_chars(begin, end, value);
+  if (r.ec == std::errc::result_out_of_range) return outOfRange(why, type);
+  if (r.ec != std::errc() || r.ptr != end) {
+    *why = std::string(type) + " value expected";
+    return false;
+  }
+  *out = value;
+  return true;
+}
+
+}  // namespace
+
+bool parseJson(rapidjson::Document& document, const char* data, size_t size, std::string* error) {
+  rapidjson::ParseResult result;
+  Generator generator{data, size, &result};
+  document.Populate(generator);
+  if (!result.IsError()) return true;
+  if (error != nullptr)
+    *error = "JSON error at byte " + std::to_string(result.Offset()) + ": " +
+             rapidjson::GetParseError_En(result.Code());
+  return false;
+}
+
+bool isNumber(const rapidjson::Value& v) {
+  return v.IsString() && v.GetStringLength() > 1 && v.GetString()[0] == kNumberMarker;
+}
+
+std::string numberText(const rapidjson::Value& v) {
+  return isNumber(v) ? std::string(v.GetString() + 1, v.GetStringLength() - 1) : std::string();
+}
+
+bool isText(const rapidjson::Value& v) { return v.IsString() && !isNumber(v); }
+
+bool isIntegerLiteral(const rapidjson::Value& v) {
+  return isNumber(v) && numberText(v).find_first_of(".eE") == std::string::npos;
+}
+
+bool numberToInt(const rapidjson::Value& v, int32_t* out, std::string* why) {
+  if (isNumber(v) && !isIntegerLiteral(v)) {
+    *why = "int value expected";
+    return false;
+  }
+  if (!convert(v, out, why, "32-bit integer")) return false;
+  return true;
+}
+
+bool numberToUint(const rapidjson::Value& v, uint32_t* out, std::string* why) {
+  if (!isIntegerLiteral(v) || numberText(v)[0] == '-') {
+    *why = "non-negative integer expected";
+    return false;
+  }
+  return convert(v, out, why, "32-bit integer");
+}
+
+bool numberToFloat(const rapidjson::Value& v, float* out, std::string* why) {
+  return convert(v, out, why, "float");
+}
+
+bool numberToDouble(const rapidjson::Value& v, double* out, std::string* why) {
+  return convert(v, out, why, "double");
+}
+
+}  // namespace detail
+}  // namespace internal
+}  // namespace Arbolite3
