@@ -23,7 +23,8 @@ Attribute parse(const std::string& json) {
 
 TEST(AttributeJson, ShorthandsPickTheirTypes) {
   EXPECT_EQ(parse("null").getType(), kTypeNull);
-  EXPECT_EQ(StringAttribute(parse(R"("a\"b\u00e9")")).getValue(), "a\"b\xc3\xa9");
+  EXPECT_EQ(StringAttribute(parse(R"("a\"b\u00e9\ud83d\ude00")")).getValue(),
+            "a\"b\xc3\xa9\xf0\x9f\x98\x80");
   EXPECT_EQ(IntAttribute(parse("-7")).getValue(), -7);
   EXPECT_EQ(IntAttribute(parse("true")).getValue(), 1);
   EXPECT_EQ(IntAttribute(parse("false")).getValue(-1), 0);
@@ -72,6 +73,8 @@ TEST(AttributeJson, RejectsAmbiguousOrBrokenInput) {
       {"1e-50", "outside the float range"},
       {R"({"$type": "double", "$value": 1e-400})", "outside the double range"},
       {"NaN", "JSON error"},
+      {R"(["\udc00"])", "lone surrogate"},  // the parser lets a lone low one through
+      {R"({"\ud800x": 1})", "surrogate"},
       {R"({"$type": "float", "$value": "nan"})", "number expected"},
       {R"({"$x": 1})", "reserved"},
       {R"({"a.b": 1})", "contains '.'"},

@@ -16,10 +16,42 @@ namespace {
 // Never part of valid UTF-8, so no JSON string can start with it.
 constexpr char kNumberMarker = '\xff';
 
+// The parser checks the input bytes, but a \u escape of a lone surrogate
+// still decodes to text that is not UTF-8.
+bool validUtf8(const char* text, size_t length) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text);
+  const auto* end = p + length;
+  while (p < end) {
+    const unsigned char c = *p++;
+    if (c < 0x80) continue;
+    int more = 0;
+    unsigned char low = 0x80, high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      more = 1;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      more = 2;
+      if (c == 0xE0) low = 0xA0;
+      if (c == 0xED) high = 0x9F;  // surrogates
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      more = 3;
+      if (c == 0xF0) low = 0x90;
+      if (c == 0xF4) high = 0x8F;
+    } else {
+      return false;
+    }
+    if (end - p < more || *p < low || *p > high) return false;
+    for (int i = 1; i < more; ++i)
+      if (p[i] < 0x80 || p[i] > 0xBF) return false;
+    p += more;
+  }
+  return true;
+}
+
 // Passes every event on to the document, numbers as marked text.
 template <typename Handler>
 struct NumberMarker {
   Handler& to;
+  bool badText = false;
   bool Null() { return to.Null(); }
   bool Bool(bool b) { return to.Bool(b); }
   bool Int(int i) { return to.Int(i); }
@@ -33,10 +65,20 @@ struct NumberMarker {
     return to.String(marked.data(), static_cast<rapidjson::SizeType>(marked.size()), true);
   }
   bool String(const char* text, rapidjson::SizeType length, bool copy) {
+    if (!validUtf8(text, length)) {
+      badText = true;
+      return false;
+    }
     return to.String(text, length, copy);
   }
   bool StartObject() { return to.StartObject(); }
-  bool Key(const char* text, rapidjson::SizeType length, bool copy) { return to.Key(text, length, copy); }
+  bool Key(const char* text, rapidjson::SizeType length, bool copy) {
+    if (!validUtf8(text, length)) {
+      badText = true;
+      return false;
+    }
+    return to.Key(text, length, copy);
+  }
   bool EndObject(rapidjson::SizeType count) { return to.EndObject(count); }
   bool StartArray() { return to.StartArray(); }
   bool EndArray(rapidjson::SizeType count) { return to.EndArray(count); }
@@ -46,6 +88,7 @@ struct Generator {
   const char* data;
   size_t size;
   rapidjson::ParseResult* result;
+  bool badText = false;
 
   template <typename Handler>
   bool operator()(Handler& document) {
@@ -54,6 +97,7 @@ struct Generator {
     NumberMarker<Handler> marker{document};
     rapidjson::Reader reader;
     *result = reader.Parse<kJsonParseFlags>(input, marker);
+    badText = marker.badText;
     return !result->IsError();
   }
 };
@@ -91,7 +135,8 @@ bool parseJson(rapidjson::Document& document, const char* data, size_t size, std
   if (!result.IsError()) return true;
   if (error != nullptr)
     *error = "JSON error at byte " + std::to_string(result.Offset()) + ": " +
-             rapidjson::GetParseError_En(result.Code());
+             (generator.badText ? "a \\u escape gives a lone surrogate, which is not UTF-8"
+                                : rapidjson::GetParseError_En(result.Code()));
   return false;
 }
 
