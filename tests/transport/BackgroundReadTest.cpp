@@ -120,17 +120,6 @@ TEST(BackgroundRead, ShortRecordAtPeerCloseThenOneFailure) {
   EXPECT_EQ(recorder.failureCount(), 1);
 }
 
-TEST(BackgroundRead, ZeroReadSizeEndsTheReaderOnceReadable) {
-  Connection c;
-  Recorder recorder(0);
-  c.client.readAsync(&recorder);
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(recorder.failureCount(), 0);  // nothing readable yet
-  sendAll(c.peer.get(), "x");
-  ASSERT_TRUE(recorder.waitFor([&] { return recorder.failures == 1; }));
-  EXPECT_TRUE(recorder.snapshot().empty());
-}
-
 TEST(BackgroundRead, RefusingCallbackEndsTheReaderWithoutFailure) {
   Connection c;
   Recorder recorder(2);

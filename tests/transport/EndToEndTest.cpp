@@ -179,16 +179,3 @@ TEST_F(LiveRenderEndToEnd, UpdatesAndCommandsFromStartToStop) {
   EXPECT_EQ(mainCalls[4], "applyQueuedUpdates");
   EXPECT_NE(readFile(recordFile).find("handleControlCommand"), std::string::npos);
 }
-
-TEST_F(LiveRenderEndToEnd, RenderOutlivesItsChannels) {
-  start({"--timeout", "1"});
-  ASSERT_TRUE(waitForCall("startLiveEditing")) << output();
-  send("update {\"a\": 1}\nclose-control\nclose-data\nsleep 300\n");
-  // Nothing can stop it now: kindlet-control kills it after its time-out.
-  EXPECT_EQ(finish(), 128 + SIGKILL) << output();
-  EXPECT_NE(output().find("kindlet killed by signal 9\n"), std::string::npos) << output();
-  for (const auto& call : recordedCalls(recordFile)) {
-    EXPECT_NE(call.first, "stopLiveEditing");
-    EXPECT_NE(call.first, "stop");
-  }
-}
