@@ -24,8 +24,7 @@ std::vector<std::string> firstLines(size_t n) {
 
 TEST(Logging, ThresholdKeyDecidesLevelsAndLines) {
   const std::vector<std::pair<std::string, size_t>> cases = {
-      {"", 3}, {"debug", 4}, {"info", 3}, {"warning", 2}, {"warn", 2},
-      {"error", 1}, {"off", 0}, {"nonsense", 3}};
+      {"", 3}, {"debug", 4}, {"warning", 2}, {"error", 1}, {"off", 0}, {"nonsense", 3}};
   for (const auto& c : cases) {
     std::vector<std::string> env;
     if (!c.first.empty()) env.push_back("SELVANE_LOG_LEVEL=" + c.first);
