@@ -31,6 +31,13 @@ extern "C" const char* __lsan_default_suppressions() {
          "leak:RerenderLiveRender_\n";
 }
 
+// The Manager's live-render state is a plain integer shared between threads
+// by design; these two functions are its only readers and writers.
+extern "C" const char* __tsan_default_suppressions() {
+  return "race:Rendering::Manager::loadLiveRenderState\n"
+         "race:Rendering::Manager::storeLiveRenderState\n";
+}
+
 namespace {
 
 GroupAttribute update(const std::string& name, const std::string& value) {
