@@ -152,8 +152,10 @@ int kindletMain(int argc, char** argv) {
         Rendering::XoRendererInfoPluginManager::getRendererInfoPluginByRegisteredName(renderer);
     (void)rendererInfo;
 
-    std::shared_ptr<Rendering::Manager> manager(new Rendering::Manager(
-        handle, suite, network.host, network.portControl, network.portData, sequenceID));
+    std::shared_ptr<Rendering::Manager> manager(
+        new Rendering::Manager(handle, suite, network.host, network.portControl,
+                               network.portData, sequenceID),
+        &Rendering::Manager::release);
 
     std::string renderMethodType;
     auto method = options.find("renderMethodType");

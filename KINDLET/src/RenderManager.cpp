@@ -60,7 +60,21 @@ Manager::Manager(XoRendererPluginHandle pluginHandle_, XoRendererPluginSuite* pl
 }
 
 Manager::~Manager() {
-  if (pluginSuite != nullptr && pluginHandle != nullptr) CALL_SLOT(teardown);
+  if (!pluginReleased.load() && pluginSuite != nullptr && pluginHandle != nullptr)
+    CALL_SLOT(teardown);
+}
+
+void Manager::release(Manager* manager) {
+  if (!manager->readersAttached.load()) {
+    delete manager;
+    return;
+  }
+  manager->pluginReleased.store(true);
+  if (manager->pluginSuite != nullptr && manager->pluginHandle != nullptr) {
+    XoRendererPluginSuite* pluginSuite = manager->pluginSuite;
+    XoRendererPluginHandle pluginHandle = manager->pluginHandle;
+    CALL_SLOT(teardown);
+  }
 }
 
 int32_t Manager::setup() {
@@ -88,6 +102,7 @@ int32_t Manager::render(const std::string& renderMethodType) {
   const bool channelsWanted = configValue("SELVANE_DISABLE_PREVANE_PLUS") == "1" &&
                               !host.empty() && portControl != 0 && portData != 0;
   if (channelsWanted) {
+    readersAttached.store(true);
     // A channel that fails prints its own line; the render goes on without it.
     controlChannel.connectControl(this, host, portControl);
     dataChannel.connectData(this, host, portData);
@@ -143,6 +158,7 @@ __attribute__((noinline)) void Manager::storeLiveRenderState(int32_t value) {
 }
 
 void Manager::processLiveRenderData(const char* data, size_t length) {
+  if (pluginReleased.load()) return;  // the plug-in is being torn down
   Attribute parsed = Attribute::parseBinary(data, length);
   if (!parsed.isValid() || parsed.getType() != kTypeGroup) {
     if (kindletLog().errorEnabled()) {
@@ -177,6 +193,7 @@ void Manager::processLiveRenderData(const char* data, size_t length) {
 }
 
 void Manager::processLiveRenderUpdate(const GroupAttribute& update) {
+  if (pluginReleased.load()) return;  // the plug-in is being torn down
   if (kindletLog().debugEnabled()) {
     kindletLog().debug("Processing Live Render Update: " + update.getXML(), kSource, __LINE__);
   }
@@ -197,6 +214,7 @@ void Manager::processControlCommand(const std::string& command) {
 }
 
 void Manager::processControlCommand(ControlCommandRecord record) {
+  if (pluginReleased.load()) return;  // the plug-in is being torn down
   if (record.text[0] == '\0') return;  // an empty command does not even wake
   // The comparisons include the terminator: only the exact words match.
   if (std::memcmp(record.text, "stopLiveEditing", 16) == 0) {

@@ -5,6 +5,7 @@
 // plug-in's.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -42,6 +43,13 @@ class Manager {
 
   const std::string& getSequenceID() const { return sequenceID; }
 
+  // The deleter of the entry function's shared_ptr. A Manager whose render
+  // opened TCP channels cannot be freed: their detached reader threads hold a
+  // plain pointer to it until the process ends. Such a Manager calls
+  // teardown as its destructor would, stops forwarding to the plug-in, and
+  // stays in memory; any other Manager is deleted.
+  static void release(Manager* manager);
+
  private:
   void runLiveRenderLoop();
   void wake();
@@ -61,6 +69,8 @@ class Manager {
   std::ofstream updateDebugFile;
   std::condition_variable wakeCondition;
   std::mutex wakeMutex;  // taken by the live-render loop alone
+  std::atomic<bool> readersAttached{false};
+  std::atomic<bool> pluginReleased{false};  // teardown done: deliveries are dropped
 };
 
 }  // namespace Rendering
