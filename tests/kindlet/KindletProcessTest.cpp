@@ -1,140 +1,224 @@
-// The installed kindlet run as its parent would: exit statuses, exact lines,
-// and the calls the recording renderer saw.
-#include <gtest/gtest.h>
+// The installed kindlet, run as its parent runs it, with the recording
+// renderer writing down every plug-in call.
+#include <signal.h>
 
-#include <sys/stat.h>
-
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "support/KindletTestSupport.h"
+#include <gtest/gtest.h>
 
+#include "KindletTestSupport.h"
+
+using kindlettest::readRecordFile;
+using kindlettest::recordedSlots;
+using kindlettest::RecordLine;
 using kindlettest::RunResult;
+using kindlettest::runKindlet;
+using kindlettest::splitLines;
 
 namespace {
 
-const std::vector<std::string> kRequired = {"selvaneRoot", "tempDir", "arbolite3OpTree",
-                                            "renderer", "renderMethodName"};
+using Options = std::map<std::string, std::string>;
+using Slots = std::vector<std::string>;
 
-class KindletProcess : public ::testing::Test {
+const std::string kExampleScene = kindlettest::testRoot() + "/share/kindlet/examples/scene.optree.json";
+
+std::string readFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
+
+class Kindlet : public testing::Test {
  protected:
-  kindlettest::TempDir dir;
-  std::string recordFile = dir.file("calls.txt");
-
-  std::map<std::string, std::string> baseOptions() {
-    return {{"selvaneRoot", kindlettest::testRoot()},
-            {"tempDir", dir.path()},
-            {"arbolite3OpTree", std::string(KINDLET_SOURCE_DIR) + "/examples/scene.optree.json"},
-            {"renderer", "recording"},
-            {"renderMethodName", "diskRender"},
-            {"recordFile", recordFile}};
+  // The required options, a record file, and what the test adds or changes
+  // (an empty value stays as an empty value).
+  Options options(const Options& changes = {}) const {
+    Options result{{"selvaneRoot", kindlettest::testRoot()},
+                   {"tempDir", dir.path()},
+                   {"arbolite3OpTree", kExampleScene},
+                   {"renderer", "recording"},
+                   {"renderMethodName", "diskRender"},
+                   {"recordFile", recordPath()}};
+    for (const auto& change : changes) result[change.first] = change.second;
+    return result;
   }
-  static std::vector<std::string> toArgv(const std::map<std::string, std::string>& options) {
-    std::vector<std::string> argv;
+  static std::vector<std::string> argv(const Options& options) {
+    std::vector<std::string> result;
     for (const auto& option : options) {
-      argv.push_back("-" + option.first);
-      argv.push_back(option.second);
+      result.push_back("-" + option.first);
+      result.push_back(option.second);
     }
-    return argv;
+    return result;
   }
-  RunResult run(const std::map<std::string, std::string>& changes = {}) {
-    auto options = baseOptions();
-    for (const auto& change : changes) options[change.first] = change.second;
-    return kindlettest::runKindlet(toArgv(options));
+  RunResult run(const Options& changes = {}, const Options& environment = {}) {
+    return runKindlet(argv(options(changes)), environment, std::chrono::seconds(60));
   }
-  // The arguments group the plug-in was created with, as one line.
-  std::string pluginArguments() {
-    for (const auto& line : kindlettest::readRecordFile(recordFile)) {
-      if (line.slot == "create") return line.details;
-    }
-    return "";
+  std::string recordPath() const { return dir.file("record.txt"); }
+  std::vector<RecordLine> records() const { return readRecordFile(recordPath()); }
+  Slots slots() const { return recordedSlots(records()); }
+  // A copy of the example scene under dir/name.
+  std::string scene(const std::string& name) const {
+    return dir.write(name, readFile(kExampleScene));
   }
-  std::vector<std::string> lifecycle() {
-    std::vector<std::string> slots;
-    for (const auto& line : kindlettest::readRecordFile(recordFile))
-      if (line.slot != "create" && line.slot != "destroy") slots.push_back(line.slot);
-    return slots;
-  }
+
+  kindlettest::TempDir dir;
 };
 
-TEST_F(KindletProcess, NoArgumentsPrintsEveryMissingOption) {
-  RunResult result = kindlettest::runKindlet({});
-  EXPECT_EQ(result.exitStatus, 255);
+// ---- the command line ----
+
+TEST_F(Kindlet, NoArgumentsListsEveryRequiredOption) {
+  const RunResult result = runKindlet({});
   EXPECT_EQ(result.out,
             "Missing selvaneRoot\nMissing tempDir\nMissing arbolite3OpTree\nMissing renderer\n"
             "Missing renderMethodName\n");
   EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.exitStatus, 255);
 }
 
-TEST_F(KindletProcess, EachMissingOrEmptyRequiredOption) {
-  for (const std::string& name : kRequired) {
-    auto options = baseOptions();
-    options.erase(name);
-    RunResult missing = kindlettest::runKindlet(toArgv(options));
-    EXPECT_EQ(missing.exitStatus, 255) << name;
-    EXPECT_EQ(missing.out, "Missing " + name + "\n");
-    EXPECT_EQ(missing.err, "");
+TEST_F(Kindlet, EachMissingOrEmptyRequiredOptionIsNamed) {
+  for (const std::string name :
+       {"selvaneRoot", "tempDir", "arbolite3OpTree", "renderer", "renderMethodName"}) {
+    Options without = options();
+    without.erase(name);
+    for (const Options& given : {without, options({{name, ""}})}) {
+      const RunResult result = runKindlet(argv(given));
+      EXPECT_EQ(result.out, "Missing " + name + "\n");
+      EXPECT_EQ(result.err, "") << "no bootstrap, no log";
+      EXPECT_EQ(result.exitStatus, 255);
+    }
   }
-  RunResult empty = run({{"renderer", ""}});
-  EXPECT_EQ(empty.exitStatus, 255);
-  EXPECT_EQ(empty.out, "Missing renderer\n");
-  EXPECT_FALSE(kindlettest::readRecordFile(recordFile).size());
+  EXPECT_TRUE(slots().empty());
 }
 
-TEST_F(KindletProcess, BatchRenderCallOrderAndArgumentsInKeyOrder) {
-  RunResult result = run({{"frobnicate", "yes"}});
+// ---- a batch render ----
+
+TEST_F(Kindlet, BatchRenderCallsThePluginInOrderOnTheMainThread) {
+  const RunResult result = run();
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(slots(), (Slots{"create", "setup", "start", "stop", "teardown", "destroy"}));
+  for (const RecordLine& line : records()) EXPECT_EQ(line.tid, result.pid) << line.slot;
+  // One file: no progress line.
+  EXPECT_EQ(result.err.find("Finished rendering scene"), std::string::npos) << result.err;
+}
+
+TEST_F(Kindlet, EveryOptionReachesThePluginIncludingUnknownAndIndexedOnes) {
+  const RunResult result =
+      run({{"customFlag", "yes"}, {"threads", ""}, {"sequenceID", "0x10"}, {"host", ""}});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
-  EXPECT_EQ(lifecycle(), (std::vector<std::string>{"setup", "start", "stop", "teardown"}));
-  // All slots on the main thread, which is the process itself.
-  auto lines = kindlettest::readRecordFile(recordFile);
+  const std::vector<RecordLine> lines = records();
   ASSERT_FALSE(lines.empty());
-  for (const auto& line : lines) EXPECT_EQ(line.tid, lines.front().tid) << line.slot;
-  // Unknown options reach the plug-in; indexing adds empty t and threads.
-  std::string arguments = pluginArguments();
-  EXPECT_NE(arguments.find("frobnicate=\"yes\""), std::string::npos) << arguments;
-  EXPECT_NE(arguments.find("t=\"\",tempDir=\"" + dir.path() + "\",threads=\"\"}"),
-            std::string::npos)
-      << arguments;
+  ASSERT_EQ(lines[0].slot, "create");
+  Options expected = options({{"customFlag", "yes"}, {"threads", ""}, {"sequenceID", "0x10"},
+                              {"host", ""}, {"t", ""}});
+  std::string group = "{";
+  for (const auto& option : expected)
+    group += (group.size() > 1 ? "," : "") + option.first + "=\"" + option.second + "\"";
+  group += "}";
+  const std::string& details = lines[0].details;
+  ASSERT_GE(details.size(), group.size());
+  EXPECT_EQ(details.substr(details.size() - group.size()), group);
 }
 
-TEST_F(KindletProcess, ThreadsAndSequenceIDAreTakenAndHandedOn) {
-  RunResult result = run({{"threads", "3"}, {"sequenceID", "0x10"}});
-  ASSERT_EQ(result.exitStatus, 0) << result.err;
-  std::string arguments = pluginArguments();
-  EXPECT_NE(arguments.find("sequenceID=\"0x10\""), std::string::npos) << arguments;
-  EXPECT_NE(arguments.find("threads=\"3\""), std::string::npos) << arguments;
-  EXPECT_EQ(lifecycle(), (std::vector<std::string>{"setup", "start", "stop", "teardown"}));
+TEST_F(Kindlet, ThreadsGivenAsANumberRenders) {
+  EXPECT_EQ(run({{"threads", "3"}}).exitStatus, 0);
+  EXPECT_EQ(slots().size(), 6u);
 }
 
-TEST_F(KindletProcess, SetupResultBecomesTheExitStatus) {
-  RunResult result = run({{"setupResult", "7"}});
+TEST_F(Kindlet, MalformedThreadsOrHostEndAbnormally) {
+  for (const Options& bad : {Options{{"threads", "abc"}}, Options{{"host", "studio-1"}}}) {
+    const RunResult result = run(bad);
+    EXPECT_EQ(result.exitStatus, -1);
+    EXPECT_EQ(result.signal, SIGABRT) << bad.begin()->first;
+  }
+  EXPECT_TRUE(slots().empty()) << "both end before the plug-in is loaded";
+}
+
+// ---- failures with an exit code ----
+
+TEST_F(Kindlet, SetupResultBecomesTheExitStatusWithoutARender) {
+  const RunResult result = run({{"setupResult", "7"}});
   EXPECT_EQ(result.exitStatus, 7);
-  EXPECT_NE(result.err.find("Error calling setup() on render plug-in: \"recording\". "
-                            "Error code returned: 7"),
+  EXPECT_NE(result.err.find("[ERROR Kindlet] Error calling setup() on render plug-in: "
+                            "\"recording\". Error code returned: 7\n"),
             std::string::npos)
       << result.err;
-  EXPECT_EQ(lifecycle(), (std::vector<std::string>{"setup", "teardown"}));
+  EXPECT_EQ(slots(), (Slots{"create", "setup", "teardown", "destroy"}));
 }
 
-TEST_F(KindletProcess, UnknownRendererAndUnreadableOpTreeGive255) {
-  RunResult unknown = run({{"renderer", "noSuchRenderer"}});
-  EXPECT_EQ(unknown.exitStatus, 255);
-  EXPECT_NE(unknown.err.find("Could not get renderer plug-in for renderer \"noSuchRenderer\""),
+TEST_F(Kindlet, UnknownRendererIsNamed) {
+  const RunResult result = run({{"renderer", "x"}});
+  EXPECT_EQ(result.exitStatus, 255);
+  EXPECT_NE(result.err.find("[ERROR Kindlet] Could not get renderer plug-in for renderer \"x\": "),
             std::string::npos)
-      << unknown.err;
+      << result.err;
+}
 
-  std::string unreadable = dir.write("locked.optree.json", "{}");
-  chmod(unreadable.c_str(), 0);
-  for (const std::string& file : {unreadable, dir.file("absent.optree.json")}) {
-    RunResult result = run({{"arbolite3OpTree", file}});
-    EXPECT_EQ(result.exitStatus, 255);
-    EXPECT_NE(result.err.find("Error creating XoScenegraphIterator from Arbolite3 Op tree file \"" +
-                              file + "\"."),
-              std::string::npos)
-        << result.err;
-  }
-  EXPECT_TRUE(lifecycle().empty());
+TEST_F(Kindlet, UnreadableOpTreeFileIsNamed) {
+  const std::string missing = dir.file("missing.optree.json");
+  const RunResult result = run({{"arbolite3OpTree", missing}});
+  EXPECT_EQ(result.exitStatus, 255);
+  EXPECT_NE(result.err.find("[ERROR Kindlet] Error creating XoScenegraphIterator from Arbolite3 "
+                            "Op tree file \"" + missing + "\".\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_TRUE(slots().empty());
+}
+
+TEST_F(Kindlet, PatternThatMatchesNothingIsReported) {
+  const std::string pattern = dir.file("shot.*.json");
+  const RunResult result = run({{"arbolite3OpTree", pattern}, {"t", "5-1"}});
+  EXPECT_EQ(result.exitStatus, 255);
+  EXPECT_NE(result.err.find("[ERROR Kindlet] No files match the given Arbolite3 Op tree filename "
+                            "pattern \"" + pattern + "\".\n"),
+            std::string::npos)
+      << result.err;
+}
+
+// ---- a sequence of Op tree files ----
+
+TEST_F(Kindlet, SequenceRendersEachFileWithProgress) {
+  scene("shot.000001.json");
+  scene("shot.000002.json");
+  scene("shot.000003.json");
+  const RunResult result = run({{"arbolite3OpTree", dir.file("shot.*.json")}, {"t", "1-3"}});
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(slots(), (Slots{"create", "setup", "start", "stop", "setSceneIterator", "start", "stop",
+                            "setSceneIterator", "start", "stop", "teardown", "destroy"}));
+  std::vector<std::string> progress;
+  for (const std::string& line : splitLines(result.err))
+    if (line.find("Finished rendering scene") != std::string::npos) progress.push_back(line);
+  EXPECT_EQ(progress, (std::vector<std::string>{
+                          "[INFO Kindlet] [ 33%] Finished rendering scene from Op tree 1 of 3.",
+                          "[INFO Kindlet] [ 66%] Finished rendering scene from Op tree 2 of 3.",
+                          "[INFO Kindlet] [100%] Finished rendering scene from Op tree 3 of 3."}));
+}
+
+TEST_F(Kindlet, UnreadableSecondFileEndsTheSequenceWith255) {
+  scene("shot.000001.json");
+  const std::string second = dir.write("shot.000002.json", "{ not an op tree");
+  const RunResult result = run({{"arbolite3OpTree", dir.file("shot.*.json")}, {"t", "1,2"}});
+  EXPECT_EQ(result.exitStatus, 255);
+  EXPECT_EQ(slots(), (Slots{"create", "setup", "start", "stop", "teardown", "destroy"}));
+  const std::string progress = "[INFO Kindlet] [ 50%] Finished rendering scene from Op tree 1 of 2.\n";
+  const std::string error = "[ERROR Kindlet] Error creating XoScenegraphIterator from Arbolite3 "
+                            "Op tree file \"" + second + "\".\n";
+  ASSERT_NE(result.err.find(progress), std::string::npos) << result.err;
+  EXPECT_GT(result.err.find(error), result.err.find(progress)) << result.err;
+}
+
+// ---- a live render with no feed ----
+
+TEST_F(Kindlet, LiveRenderUnderTheSwitchWithoutHostWaitsInTheLoop) {
+  const RunResult result = runKindlet(
+      argv(options({{"renderMethodType", "liveRender"}})), {{"SELVANE_DISABLE_PREVANE_PLUS", "1"}},
+      std::chrono::seconds(30), [this] {
+        const Slots recorded = slots();
+        return !recorded.empty() && recorded.back() == "startLiveEditing";
+      });
+  EXPECT_TRUE(result.killedEarly) << result.err;
+  EXPECT_EQ(slots(), (Slots{"create", "setup", "start", "startLiveEditing"}));
 }
 
 }  // namespace

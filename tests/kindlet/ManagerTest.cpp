@@ -1,397 +1,444 @@
-// Rendering::Manager in-process, against a suite of plain functions that
-// records every call and keeps a counted queue like a live renderer would.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <fstream>
-#include <mutex>
+#include <future>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "KINDLET/src/RenderManager.h"
+#include "KindletTestSupport.h"
+#include "TestPlugin.h"
 #include "XoAttribute/Attribute.h"
 #include "XoConfiguration/Configuration.h"
-#include "support/KindletTestSupport.h"
 
-using namespace Arbolite3::internal::XoAttribute;
+using Arbolite3::internal::XoAttribute::Attribute;
+using Arbolite3::internal::XoAttribute::GroupAttribute;
+using Arbolite3::internal::XoAttribute::GroupBuilder;
+using Arbolite3::internal::XoAttribute::StringAttribute;
+using Arbolite3::XoConfiguration::v1::Config;
 using Rendering::Manager;
 
 namespace {
 
-struct Recorder {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> calls;
-  std::vector<GroupAttribute> updates;
-  int queued = 0;
-  std::atomic<int> applyDelayMs{0};
-} g;
+// The log goes to a file of our own, at debug level: set before the first
+// message chooses the destination and the threshold.
+const kindlettest::TempDir& scratch() {
+  static kindlettest::TempDir dir;
+  return dir;
+}
+const std::string logPath = [] {
+  const std::string path = scratch().file("kindlet.log");
+  Config().set("SELVANE_LOG_FILE", path);
+  Config().set("SELVANE_LOG_LEVEL", "debug");
+  return path;
+}();
 
-void record(const std::string& call) {
-  std::lock_guard<std::mutex> lock(g.mutex);
-  g.calls.push_back(call);
-  g.changed.notify_all();
+std::string readFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return text.str();
 }
 
-int32_t slotStart(XoRendererPluginHandle) { record("start"); return 0; }
-int32_t slotStop(XoRendererPluginHandle) { record("stop"); return 0; }
-int32_t slotStartLive(XoRendererPluginHandle) { record("startLiveEditing"); return 0; }
-int32_t slotStopLive(XoRendererPluginHandle) { record("stopLiveEditing"); return 0; }
-int32_t slotPause(XoRendererPluginHandle) { record("pauseRerender"); return 0; }
-int32_t slotSetup(XoRendererPluginHandle) { record("setup"); return 0; }
-int32_t slotTeardown(XoRendererPluginHandle) { record("teardown"); return 0; }
-int32_t slotCommand(XoRendererPluginHandle, const char* command) {
-  // The record may have no terminator: never read past its 256 bytes.
-  record("handleControlCommand " + std::string(command, strnlen(command, 256)));
-  return 0;
-}
-int32_t slotSubmit(XoRendererPluginHandle, XoAttributeStruct* update) {
-  std::lock_guard<std::mutex> lock(g.mutex);
-  g.updates.emplace_back(Attribute::fromHandle(update));
-  g.calls.push_back("submitUpdate");
-  ++g.queued;
-  g.changed.notify_all();
-  return 0;
-}
-int32_t slotHasQueued(XoRendererPluginHandle) {
-  std::lock_guard<std::mutex> lock(g.mutex);
-  g.calls.push_back("hasQueuedUpdates");
-  g.changed.notify_all();
-  // Only the low byte counts: the high bits here must not read as true.
-  return g.queued > 0 ? 0x101 : 0x100;
-}
-int32_t slotApply(XoRendererPluginHandle) {
-  {
-    std::lock_guard<std::mutex> lock(g.mutex);
-    g.calls.push_back("applyQueuedUpdates " + std::to_string(g.queued));
-    g.queued = 0;
-    g.changed.notify_all();
+// Log lines written since construction.
+class LogWatch {
+ public:
+  LogWatch() : start(readFile(logPath).size()) {}
+  std::vector<std::string> lines() const {
+    return kindlettest::splitLines(readFile(logPath).substr(start));
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(g.applyDelayMs.load()));
-  return 0;
-}
+  bool has(const std::string& line) const {
+    for (const std::string& l : lines())
+      if (l == line) return true;
+    return false;
+  }
 
-XoRendererPluginSuite makeSuite() {
-  XoRendererPluginSuite suite;
-  std::memset(&suite, 0, sizeof suite);
-  suite.start = slotStart;
-  suite.stop = slotStop;
-  suite.startLiveEditing = slotStartLive;
-  suite.stopLiveEditing = slotStopLive;
-  suite.pauseRerender = slotPause;
-  suite.handleControlCommand = slotCommand;
-  suite.submitUpdate = slotSubmit;
-  suite.hasQueuedUpdates = slotHasQueued;
-  suite.applyQueuedUpdates = slotApply;
-  suite.setup = slotSetup;
-  suite.teardown = slotTeardown;
-  return suite;
-}
+ private:
+  size_t start;
+};
 
-XoRendererPluginSuite g_suite = makeSuite();
-int g_instance;
-
-std::vector<std::string> calls() {
-  std::lock_guard<std::mutex> lock(g.mutex);
-  return g.calls;
-}
-
-size_t countOf(const std::string& prefix) {
-  auto all = calls();
-  return std::count_if(all.begin(), all.end(), [&](const std::string& call) {
-    return call.compare(0, prefix.size(), prefix) == 0;
-  });
-}
-
-bool waitUntil(const std::function<bool()>& done, int limitMs = 5000) {
-  std::unique_lock<std::mutex> lock(g.mutex);
-  return g.changed.wait_for(lock, std::chrono::milliseconds(limitMs), [&] {
-    lock.unlock();
-    bool result = done();
-    lock.lock();
-    return result;
-  });
-}
-
-GroupAttribute group(std::initializer_list<std::pair<std::string, Attribute>> children) {
+GroupAttribute group(const std::vector<std::pair<std::string, Attribute>>& children) {
   GroupBuilder builder;
-  for (const auto& child : children) builder.set(child.first, child.second, true);
+  for (const auto& child : children) builder.set(child.first, child.second);
   return builder.build();
 }
 
-Attribute integer(int value) { return IntAttribute(value); }
+StringAttribute text(const std::string& value) { return StringAttribute(value); }
 
-class ManagerTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::lock_guard<std::mutex> lock(g.mutex);
-    g.calls.clear();
-    g.updates.clear();
-    g.queued = 0;
-    g.applyDelayMs = 0;
-  }
-  std::unique_ptr<Manager> makeManager(long sequenceID = 5) {
-    return std::unique_ptr<Manager>(new Manager(&g_instance, &g_suite, "", 0, 0, sequenceID));
-  }
-  GroupAttribute lastUpdate() {
-    std::lock_guard<std::mutex> lock(g.mutex);
-    return g.updates.empty() ? GroupAttribute() : g.updates.back();
-  }
-  void deliverData(Manager& manager, const GroupAttribute& update) {
-    std::string bytes = update.getBinary();
-    manager.processLiveRenderData(bytes.data(), bytes.size());
-  }
-};
-
-TEST_F(ManagerTest, PerRenderPartGoesInFirstOtherRendersAreDropped) {
-  auto five = makeManager(5);
-  auto six = makeManager(6);
-  GroupAttribute update = group(
-      {{"a", integer(1)},
-       {"__perRenderUpdateAttributes",
-        group({{"5", group({{"a", integer(2)}, {"b", integer(3)}})},
-               {"6", group({{"c", integer(4)}})}})}});
-
-  deliverData(*five, update);
-  GroupAttribute forFive = lastUpdate();
-  EXPECT_EQ(IntAttribute(forFive.getChildByName("a")).getValue(), 1);  // common update wins
-  EXPECT_EQ(IntAttribute(forFive.getChildByName("b")).getValue(), 3);
-  EXPECT_FALSE(forFive.getChildByName("c").isValid());
-  EXPECT_FALSE(forFive.getChildByName("__perRenderUpdateAttributes").isValid());
-
-  // One message, two renders: each gets its own part.
-  deliverData(*six, update);
-  GroupAttribute forSix = lastUpdate();
-  EXPECT_EQ(IntAttribute(forSix.getChildByName("c")).getValue(), 4);
-  EXPECT_FALSE(forSix.getChildByName("b").isValid());
-  EXPECT_EQ(forSix.getNumberOfChildren(), 2u);
+ControlCommandRecord recordOf(const std::string& bytes) {
+  ControlCommandRecord record;
+  std::memset(&record, 0, sizeof record);
+  std::memcpy(record.text, bytes.data(), std::min(bytes.size(), sizeof record.text));
+  return record;
 }
 
-TEST_F(ManagerTest, KeyWithoutUsablePartIsRemovedOrPassedThroughWhole) {
-  auto manager = makeManager(5);
-  // Only other renders' parts: the key goes, nothing else changes.
-  deliverData(*manager, group({{"x", integer(1)},
-                               {"__perRenderUpdateAttributes", group({{"7", group({{"y", integer(2)}})}})}}));
-  EXPECT_EQ(lastUpdate().getXML(), group({{"x", integer(1)}}).getXML());
+const char kStop[] = "stopLiveEditing";
 
-  // This render's part is no group: it counts as absent.
-  deliverData(*manager, group({{"x", integer(1)},
-                               {"__perRenderUpdateAttributes", group({{"5", integer(9)}})}}));
-  EXPECT_EQ(lastUpdate().getXML(), group({{"x", integer(1)}}).getXML());
-
-  // The key itself is no group: the update goes through whole, key included.
-  GroupAttribute plainKey = group({{"x", integer(1)}, {"__perRenderUpdateAttributes", integer(3)}});
-  deliverData(*manager, plainKey);
-  EXPECT_EQ(lastUpdate().getXML(), plainKey.getXML());
-}
-
-TEST_F(ManagerTest, DataThatIsNoGroupIsLoggedAndDropped) {
-  auto manager = makeManager();
-  testing::internal::CaptureStderr();
-  const char garbage[] = "not an attribute";
-  manager->processLiveRenderData(garbage, sizeof garbage);
-  std::string notGroup = IntAttribute(4).getBinary();
-  manager->processLiveRenderData(notGroup.data(), notGroup.size());
-  std::string err = testing::internal::GetCapturedStderr();
-  const std::string line =
-      "Rendering::Manager::processLiveRenderData(): Given binary data could not be parsed into a "
-      "GroupAttribute. Ignoring Live Render update.";
-  EXPECT_EQ(kindlettest::splitLines(err).size(), 2u) << err;
-  EXPECT_NE(err.find(line), std::string::npos) << err;
-  EXPECT_EQ(countOf("submitUpdate"), 0u);
-}
-
-TEST_F(ManagerTest, CommandRecordsMatchOnlyExactWords) {
-  auto manager = makeManager();
-  manager->processControlCommand(std::string("stopLiveEditingNow"));
-  manager->processControlCommand(std::string("pauseRerenderX"));
-  testing::internal::CaptureStderr();
-  manager->processControlCommand(std::string("pauseRerender"));
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("Live Render control command 'pauseRerender' is deprecated."), std::string::npos);
-
-  // 300 bytes reach the plug-in as the record's 256, unterminated.
-  std::string longText(300, 'k');
-  manager->processControlCommand(longText);
-  ControlCommandRecord full;
-  std::memset(full.text, 'z', sizeof full.text);
-  std::memcpy(full.text, "stopLiveEditing", 15);  // no terminator follows
-  manager->processControlCommand(full);
-
-  // A leading zero byte: nothing at all, whatever follows.
-  ControlCommandRecord empty;
-  std::memset(&empty, 0, sizeof empty);
-  std::strcpy(empty.text + 1, "stopLiveEditing");
-  manager->processControlCommand(empty);
-  manager->processControlCommand(std::string());
-
-  std::vector<std::string> expected = {
-      "handleControlCommand stopLiveEditingNow", "handleControlCommand pauseRerenderX",
-      "pauseRerender", "handleControlCommand " + std::string(256, 'k'),
-      "handleControlCommand stopLiveEditing" + std::string(256 - 15, 'z')};
-  EXPECT_EQ(calls(), expected);
-}
-
-TEST_F(ManagerTest, DebugFileRecordsOnlyDirectUpdates) {
-  kindlettest::TempDir dir;
-  std::string path = dir.file("updates.txt");
-  auto& config = Arbolite3::XoConfiguration::v1::Config();
-  config.set("SELVANE_LRUA_DEBUG", path);
-  auto manager = makeManager();
-  config.set("SELVANE_LRUA_DEBUG", "");
-
-  GroupAttribute first = group({{"a", integer(1)}});
-  GroupAttribute second = group({{"__perRenderUpdateAttributes", group({{"5", group({})}})}});
-  deliverData(*manager, first);  // data channel path: no record
-  {
-    std::ifstream file(path);
-    ASSERT_TRUE(file.good());
-    EXPECT_EQ(file.peek(), std::ifstream::traits_type::eof());
-  }
-  manager->processLiveRenderUpdate(first);
-  manager->processLiveRenderUpdate(second);
-  std::ifstream file(path);
-  std::stringstream content;
-  content << file.rdbuf();
-  EXPECT_EQ(content.str(),
-            first.getXML() + "\n<<<<<<<<\n\n" + second.getXML() + "\n<<<<<<<<\n\n");
-  // This path leaves the key alone.
-  EXPECT_EQ(lastUpdate().getXML(), second.getXML());
-}
-
-// A live render on its own thread, as the main thread would run it.
+// render("liveRender") on its own thread; stops the loop if a failed test
+// left it running.
 class LiveRender {
  public:
-  explicit LiveRender(Manager& manager) : manager(manager) {
-    thread = std::thread([this] {
-      this->manager.render("liveRender");
-      done = true;
-    });
-  }
+  explicit LiveRender(Manager& manager, const std::string& method = "liveRender")
+      : manager(manager),
+        result(std::async(std::launch::async, [&manager, method] { return manager.render(method); })) {}
   ~LiveRender() {
-    if (thread.joinable()) stop();
+    while (result.valid() && result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready)
+      manager.processControlCommand(std::string(kStop));
   }
-  // Stop commands until the loop has left; a stop whose wake-up falls before
-  // the wait is carried along by the next one.
-  void stop() {
-    for (int i = 0; i < 200 && !done; ++i) {
-      manager.processControlCommand(std::string("stopLiveEditing"));
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    thread.join();
+  bool returned(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    return result.wait_for(limit) == std::future_status::ready;
   }
-  bool finished() const { return done; }
+  int32_t value() { return result.get(); }
 
  private:
   Manager& manager;
-  std::atomic<bool> done{false};
-  std::thread thread;
+  std::future<int32_t> result;
 };
 
-// Sends "ping" commands until the loop has made `turns` more apply calls.
-void pingUntilApplied(Manager& manager, size_t applies) {
-  for (int i = 0; i < 200 && countOf("applyQueuedUpdates") < applies; ++i) {
-    manager.processControlCommand(std::string("ping"));
-    waitUntil([&] { return countOf("applyQueuedUpdates") >= applies; }, 20);
+// Pokes with a command until the loop answers with a turn: a wake-up that
+// finds no waiter is lost, so one poke alone could go unseen.
+bool pokeUntilTurn(Manager& manager, TestPlugin& plugin) {
+  for (int attempt = 0; attempt < 400; ++attempt) {
+    const size_t before = plugin.count("hasQueuedUpdates");
+    manager.processControlCommand(std::string("poke"));
+    if (plugin.waitForCount("hasQueuedUpdates", before + 1, std::chrono::milliseconds(25)))
+      return true;
+  }
+  return false;
+}
+
+// Delivers `update` and pokes until the loop has applied it: the update's own
+// wake-up is lost if the loop was between turns.
+bool deliverUntilApplied(Manager& manager, TestPlugin& plugin, const GroupAttribute& update) {
+  const size_t before = plugin.count("applyQueuedUpdates");
+  manager.processLiveRenderUpdate(update);
+  for (int attempt = 0; attempt < 400; ++attempt) {
+    if (plugin.waitForCount("applyQueuedUpdates", before + 1, std::chrono::milliseconds(25)))
+      return true;
+    manager.processControlCommand(std::string("poke"));
+  }
+  return false;
+}
+
+// The calls without the test's own pokes, which may land anywhere.
+std::vector<std::string> withoutPokes(const std::vector<std::string>& calls) {
+  std::vector<std::string> result;
+  for (const std::string& call : calls)
+    if (call != "handleControlCommand poke") result.push_back(call);
+  return result;
+}
+
+std::vector<std::string> loopCalls(const std::vector<std::string>& calls) {
+  std::vector<std::string> result;
+  for (const std::string& call : calls)
+    if (call.rfind("hasQueuedUpdates", 0) == 0 || call.rfind("applyQueuedUpdates", 0) == 0)
+      result.push_back(call);
+  return result;
+}
+
+// ---- the per-render merge of processLiveRenderData ----
+
+class Merge : public testing::Test {
+ protected:
+  Attribute deliver(const GroupAttribute& update, long sequenceID = 7) {
+    TestPlugin plugin;
+    Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, sequenceID);
+    const std::string bytes = update.getBinary();
+    manager.processLiveRenderData(bytes.data(), bytes.size());
+    const auto updates = plugin.updates();
+    EXPECT_EQ(updates.size(), 1u);
+    return updates.empty() ? Attribute() : updates[0];
+  }
+};
+
+TEST_F(Merge, OwnChildFirstThenTheUpdateOverItWithoutTheKey) {
+  const GroupAttribute update = group(
+      {{"a", text("top")},
+       {"__perRenderUpdateAttributes",
+        group({{"7", group({{"a", text("own")}, {"b", text("own")}})},
+               {"8", group({{"c", text("other")}})}})},
+       {"z", text("z")}});
+  const Attribute forSeven = deliver(update, 7);
+  const Attribute expectedSeven = group({{"a", text("top")}, {"b", text("own")}, {"z", text("z")}});
+  EXPECT_EQ(forSeven, expectedSeven) << forSeven.getXML();
+  const Attribute forEight = deliver(update, 8);
+  const Attribute expectedEight = group({{"c", text("other")}, {"a", text("top")}, {"z", text("z")}});
+  EXPECT_EQ(forEight, expectedEight) << forEight.getXML();
+}
+
+TEST_F(Merge, NoUsableOwnChildLosesTheKeyAndNothingElse) {
+  const GroupAttribute expected = group({{"a", text("top")}, {"z", text("z")}});
+  for (const GroupAttribute& perRender :
+       {group({{"8", group({{"c", text("other")}})}}), group({{"7", text("not a group")}}),
+        group({})}) {
+    const Attribute got = deliver(
+        group({{"a", text("top")}, {"__perRenderUpdateAttributes", perRender}, {"z", text("z")}}));
+    EXPECT_EQ(got, expected) << got.getXML();
   }
 }
 
-TEST_F(ManagerTest, UpdateBeforeTheLoopIsAppliedOnlyAfterALaterEvent) {
-  auto manager = makeManager();
-  manager->processLiveRenderUpdate(group({{"early", integer(1)}}));
-  LiveRender live(*manager);
-  ASSERT_TRUE(waitUntil([] { return countOf("startLiveEditing") == 1; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(countOf("hasQueuedUpdates"), 0u);
-
-  pingUntilApplied(*manager, 1);
-  auto all = calls();
-  ASSERT_NE(std::find(all.begin(), all.end(), "applyQueuedUpdates 1"), all.end());
-  live.stop();
-  EXPECT_EQ(calls().back(), "stop");
+TEST_F(Merge, KeyThatIsNoGroupPassesThroughWhole) {
+  const GroupAttribute update =
+      group({{"a", text("top")}, {"__perRenderUpdateAttributes", text("plain")}});
+  EXPECT_EQ(deliver(update), update);
+  const GroupAttribute withoutKey = group({{"a", text("top")}});
+  EXPECT_EQ(deliver(withoutKey), withoutKey);
 }
 
-TEST_F(ManagerTest, FloodDuringOneLongApplyGivesAtMostOneFurtherTurn) {
-  auto manager = makeManager();
-  LiveRender live(*manager);
-  ASSERT_TRUE(waitUntil([] { return countOf("startLiveEditing") == 1; }));
-  g.applyDelayMs = 300;
-  manager->processLiveRenderUpdate(group({{"first", integer(1)}}));
-  pingUntilApplied(*manager, 1);
-
-  // The loop is inside the long apply: flood it from two threads.
-  auto flood = [&] {
-    for (int i = 0; i < 50; ++i) manager->processLiveRenderUpdate(group({{"n", integer(i)}}));
-  };
-  std::thread a(flood), b(flood);
-  a.join();
-  b.join();
-  g.applyDelayMs = 0;
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  EXPECT_LE(countOf("applyQueuedUpdates"), 2u);
-
-  // Whatever is still queued goes in one batch on the next turn.
-  size_t before = countOf("applyQueuedUpdates");
-  pingUntilApplied(*manager, before + 1);
-  auto all = calls();
-  size_t applied = 0;
-  for (const std::string& call : all)
-    if (call.compare(0, 19, "applyQueuedUpdates ") == 0) applied += std::stoul(call.substr(19));
-  EXPECT_EQ(applied, 101u);
-  live.stop();
+TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
+  LogWatch log;
+  const std::string garbage = "not an attribute";
+  const std::string plainString = text("x").getBinary();
+  manager.processLiveRenderData(garbage.data(), garbage.size());
+  manager.processLiveRenderData(plainString.data(), plainString.size());
+  manager.processLiveRenderData(nullptr, 0);
+  EXPECT_EQ(plugin.count("submitUpdate"), 0u);
+  const std::string line =
+      "[ERROR Kindlet] Rendering::Manager::processLiveRenderData(): Given binary data could not "
+      "be parsed into a GroupAttribute. Ignoring Live Render update.";
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{line, line, line}));
 }
 
-TEST_F(ManagerTest, StopDoesNotDrainAndASecondStopIsHarmless) {
-  auto manager = makeManager();
-  LiveRender live(*manager);
-  ASSERT_TRUE(waitUntil([] { return countOf("startLiveEditing") == 1; }));
-  g.applyDelayMs = 300;
-  manager->processLiveRenderUpdate(group({{"first", integer(1)}}));
-  pingUntilApplied(*manager, 1);
-  // Both arrive during the long apply: the loop leaves without asking again.
-  manager->processLiveRenderUpdate(group({{"late", integer(2)}}));
-  manager->processControlCommand(std::string("stopLiveEditing"));
-  manager->processControlCommand(std::string("stopLiveEditing"));
-  size_t asked = countOf("hasQueuedUpdates");
-  live.stop();
-  EXPECT_EQ(countOf("hasQueuedUpdates"), asked);
-  EXPECT_EQ(countOf("applyQueuedUpdates"), 1u);
-  auto all = calls();
-  ASSERT_GE(all.size(), 2u);
-  EXPECT_EQ(all[all.size() - 2], "stopLiveEditing");
-  EXPECT_EQ(all.back(), "stop");
+// ---- control commands ----
 
-  // After render returned a delivery still reaches the plug-in.
-  manager->processLiveRenderUpdate(group({{"after", integer(3)}}));
-  manager->processControlCommand(std::string("afterwards"));
-  EXPECT_EQ(calls().back(), "handleControlCommand afterwards");
-  EXPECT_EQ(lastUpdate().getXML(), group({{"after", integer(3)}}).getXML());
+TEST(Commands, OnlyTheExactWordsAreKnown) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  LogWatch log;
+  manager.processControlCommand(std::string("pauseRerender"));
+  manager.processControlCommand(recordOf("pauseRerender"));
+  manager.processControlCommand(std::string("pauseRerenderNow"));
+  manager.processControlCommand(std::string("stopLiveEditing2"));
+  manager.processControlCommand(recordOf("render more"));
+  EXPECT_EQ(plugin.calls(), (std::vector<std::string>{
+                                "pauseRerender", "pauseRerender",
+                                "handleControlCommand pauseRerenderNow",
+                                "handleControlCommand stopLiveEditing2",
+                                "handleControlCommand render more"}));
+  const std::string warning =
+      "[WARNING Kindlet] Live Render control command 'pauseRerender' is deprecated.";
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{warning, warning}));
 }
 
-TEST_F(ManagerTest, BatchRenderAndDestructorCallTeardown) {
+TEST(Commands, LongTextsFillTheRecordWithoutTerminator) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  std::string longText(300, 'x');
+  longText.replace(0, 15, kStop);
+  manager.processControlCommand(longText);
+  EXPECT_EQ(plugin.lastCommandLength(), 256u);
+  EXPECT_EQ(plugin.callsOf("handleControlCommand"),
+            std::vector<std::string>{"handleControlCommand " + longText.substr(0, 256)});
+
+  // Exactly 256 bytes in record form: the same, and never a known word.
+  manager.processControlCommand(recordOf(longText));
+  EXPECT_EQ(plugin.lastCommandLength(), 256u);
+  EXPECT_EQ(plugin.count("handleControlCommand"), 2u);
+}
+
+TEST(Commands, LeadingZeroByteIsIgnored) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  manager.processControlCommand(recordOf(std::string("\0stopLiveEditing", 16)));
+  manager.processControlCommand(std::string());
+  EXPECT_TRUE(plugin.calls().empty());
+}
+
+// ---- the live-render loop ----
+
+TEST(LiveLoop, UpdateBeforeTheLoopIsAppliedOnlyAfterALaterEvent) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  plugin.onStartLiveEditing = [&] { manager.processLiveRenderUpdate(group({{"early", text("1")}})); };
+  LiveRender render(manager);
+  ASSERT_TRUE(plugin.waitForCount("startLiveEditing", 1));
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  manager.processControlCommand(std::string(kStop));
+  ASSERT_TRUE(render.returned());
+  EXPECT_EQ(render.value(), 0);
+
+  const std::vector<std::string> all = plugin.calls();
+  size_t firstPoke = 0;
+  for (size_t i = all.size(); i-- > 0;)
+    if (all[i] == "handleControlCommand poke") firstPoke = i;
+  size_t firstQuestion = 0;
+  for (size_t i = all.size(); i-- > 0;)
+    if (all[i].rfind("hasQueuedUpdates", 0) == 0) firstQuestion = i;
+  // Nothing is asked before the first poke: the early update's wake-up found no waiter.
+  EXPECT_LT(firstPoke, firstQuestion);
+  const std::vector<std::string> calls = withoutPokes(all);
+  EXPECT_EQ(loopCalls(calls)[0], "hasQueuedUpdates 1");
+  EXPECT_EQ(loopCalls(calls)[1], "applyQueuedUpdates 1");
+  EXPECT_EQ(std::vector<std::string>(calls.end() - 2, calls.end()),
+            (std::vector<std::string>{"stopLiveEditing", "stop"}));
+}
+
+TEST(LiveLoop, FloodDuringOneLongApplyGivesOneFurtherTurn) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  LiveRender render(manager);
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  plugin.holdApply();
+  ASSERT_TRUE(deliverUntilApplied(manager, plugin, group({{"n", text("0")}})));
+  // Deliveries never wait for the render: all of these return while the
+  // apply is held.
+  const std::string bytes = group({{"n", text("more")}}).getBinary();
+  for (int i = 0; i < 20; ++i) manager.processLiveRenderData(bytes.data(), bytes.size());
+  plugin.releaseApply();
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  manager.processControlCommand(std::string(kStop));
+  ASSERT_TRUE(render.returned());
+
+  std::vector<std::string> applies = plugin.callsOf("applyQueuedUpdates");
+  EXPECT_EQ(applies, (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
+}
+
+TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  LiveRender render(manager);
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  plugin.holdApply();
+  ASSERT_TRUE(deliverUntilApplied(manager, plugin, group({{"n", text("1")}})));
+  manager.processLiveRenderUpdate(group({{"n", text("2")}}));
+  manager.processControlCommand(std::string(kStop));
+  manager.processControlCommand(recordOf(kStop));  // a second stop is harmless
+  plugin.releaseApply();
+  ASSERT_TRUE(render.returned());
+  EXPECT_EQ(render.value(), 0);
+
+  std::vector<std::string> calls = withoutPokes(plugin.calls());
+  EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
+            (std::vector<std::string>{"applyQueuedUpdates 1", "submitUpdate", "stopLiveEditing", "stop"}));
+
+  manager.processLiveRenderUpdate(group({{"n", text("3")}}));
+  manager.processControlCommand(std::string("after"));
+  manager.processControlCommand(std::string(kStop));
+  calls = plugin.calls();
+  EXPECT_EQ(std::vector<std::string>(calls.end() - 2, calls.end()),
+            (std::vector<std::string>{"submitUpdate", "handleControlCommand after"}));
+}
+
+TEST(LiveLoop, StopBeforeTheLoopIsLostAndTheManagerRendersAgain) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  plugin.onStartLiveEditing = [&] { manager.processControlCommand(std::string(kStop)); };
+  for (int round = 0; round < 2; ++round) {
+    LiveRender render(manager);
+    ASSERT_TRUE(pokeUntilTurn(manager, plugin)) << "round " << round;
+    manager.processControlCommand(recordOf(kStop));
+    ASSERT_TRUE(render.returned());
+  }
+  EXPECT_EQ(plugin.count("start"), 2u);
+  EXPECT_EQ(plugin.count("stop"), 2u);
+  EXPECT_EQ(plugin.count("stopLiveEditing"), 2u);
+}
+
+TEST(LiveLoop, QueuedUpdatesAreNeverAppliedWithoutATrueAnswer) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  LiveRender render(manager);
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  manager.processControlCommand(std::string(kStop));
+  ASSERT_TRUE(render.returned());
+  for (const std::string& call : loopCalls(plugin.calls())) EXPECT_EQ(call, "hasQueuedUpdates 0");
+}
+
+// ---- plug-in lifecycle ----
+
+TEST(Lifecycle, BatchMethodsStartAndStopAndTeardownComesOnce) {
+  TestPlugin plugin;
+  plugin.setupResult = 7;
   {
-    auto manager = makeManager();
-    EXPECT_EQ(manager->setup(), 0);
-    EXPECT_EQ(manager->render(""), 0);
+    Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+    EXPECT_EQ(manager.setup(), 7);
+    EXPECT_EQ(manager.render(""), 0);
+    EXPECT_EQ(manager.render("liveRenderPreview"), 0);
+    EXPECT_EQ(manager.render("diskRender"), 0);
   }
-  std::vector<std::string> expected = {"setup", "start", "stop", "teardown"};
-  EXPECT_EQ(calls(), expected);
+  EXPECT_EQ(plugin.calls(), (std::vector<std::string>{"setup", "start", "stop", "start", "stop",
+                                                      "start", "stop", "teardown"}));
+}
 
-  Manager withoutHandle(nullptr, &g_suite, "", 0, 0, 0);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(withoutHandle.render(""), 1);
-  EXPECT_EQ(withoutHandle.setup(), -1);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                "Rendering::Manager::render(): No render plug-in handle set."),
-            std::string::npos);
+TEST(Lifecycle, WithoutHandleOrSuiteNothingIsCalled) {
+  TestPlugin plugin;
+  LogWatch log;
+  {
+    Manager noHandle(nullptr, plugin.suite(), "", 0, 0, 0);
+    EXPECT_EQ(noHandle.setup(), -1);
+    EXPECT_EQ(noHandle.render(""), 1);
+    Manager noSuite(plugin.handle(), nullptr, "", 0, 0, 0);
+    EXPECT_EQ(noSuite.setup(), -1);
+    EXPECT_EQ(noSuite.render("liveRender"), 1);
+  }
+  EXPECT_TRUE(plugin.calls().empty());
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                "[ERROR Kindlet] Rendering::Manager::render(): No render plug-in handle set.",
+                "[ERROR Kindlet] Rendering::Manager::render(): No render plug-in suite set."}));
+}
+
+TEST(Lifecycle, SequenceTextIsDecimal) {
+  TestPlugin plugin;
+  EXPECT_EQ(Manager(plugin.handle(), plugin.suite(), "", 0, 0, 0).getSequenceID(), "0");
+  EXPECT_EQ(Manager(plugin.handle(), plugin.suite(), "", 0, 0, -16).getSequenceID(), "-16");
+}
+
+// ---- the update debug file ----
+
+class DebugFile : public testing::Test {
+ protected:
+  void TearDown() override {
+    Config().erase("SELVANE_LRUA_DEBUG");
+    Config().erase("SELVANE_DISABLE_PREVANE_PLUS");
+  }
+};
+
+TEST_F(DebugFile, RecordsOnlyUpdatesFromTheClientPathFlushedBeforeThePlugin) {
+  const std::string path = scratch().file("lrua.txt");
+  Config().set("SELVANE_LRUA_DEBUG", path);
+  TestPlugin plugin;
+  std::vector<std::string> seenBySubmit;
+  plugin.onSubmit = [&] { seenBySubmit.push_back(readFile(path)); };
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
+  LogWatch log;
+
+  const GroupAttribute update =
+      group({{"a", text("<1>")}, {"__perRenderUpdateAttributes", group({{"7", group({})}})}});
+  manager.processLiveRenderUpdate(update);
+  const std::string recordText = update.getXML() + "\n<<<<<<<<\n\n";
+  ASSERT_EQ(seenBySubmit.size(), 1u);
+  EXPECT_EQ(seenBySubmit[0], recordText);
+  // Passed on as it came: the same handle, key and all.
+  EXPECT_EQ(plugin.submittedHandles(), std::vector<XoAttributeStruct*>{update.getHandle()});
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"[DEBUG Kindlet] Processing Live Render Update: " + update.getXML()});
+
+  const std::string bytes = update.getBinary();
+  manager.processLiveRenderData(bytes.data(), bytes.size());
+  manager.processControlCommand(std::string("cmd"));
+  EXPECT_EQ(readFile(path), recordText);
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(DebugFile, WarningUnderTheSwitchAndTheFileOpensAllTheSame) {
+  const std::string path = scratch().file("lrua-switch.txt");
+  Config().set("SELVANE_LRUA_DEBUG", path);
+  Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
+  TestPlugin plugin;
+  LogWatch log;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{
+                             "[WARNING Kindlet] Live render update attribute debugging "
+                             "(SELVANE_LRUA_DEBUG) only available in Prevane+"});
+  manager.processLiveRenderUpdate(group({{"a", text("1")}}));
+  EXPECT_NE(readFile(path).find("<<<<<<<<"), std::string::npos);
 }
 
 }  // namespace

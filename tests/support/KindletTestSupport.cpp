@@ -49,7 +49,7 @@ void closeIfOpen(int& fd) {
 
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
               const std::map<std::string, std::string>& extraEnvironment,
-              std::chrono::milliseconds timeout) {
+              std::chrono::milliseconds timeout, const KillCondition& killWhen) {
   std::map<std::string, std::string> environment = parentEnvironment();
   for (const auto& entry : extraEnvironment) {
     if (entry.second.empty())
@@ -77,6 +77,10 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
   if (pid == 0) {
+    // The child starts with no blocked signals, whatever this thread holds.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     dup2(outPipe[1], 1);
     dup2(errPipe[1], 2);
     int devNull = open("/dev/null", O_RDONLY);
@@ -88,6 +92,7 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
   close(errPipe[1]);
 
   RunResult result;
+  result.pid = pid;
   int fds[2] = {outPipe[0], errPipe[0]};
   std::string* sinks[2] = {&result.out, &result.err};
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -99,6 +104,12 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
       result.timedOut = true;
       break;
     }
+    if (killWhen && killWhen()) {
+      kill(pid, SIGKILL);
+      result.killedEarly = true;
+      break;
+    }
+    if (killWhen && left.count() > 20) left = std::chrono::milliseconds(20);
     pollfd polled[2];
     nfds_t count = 0;
     int which[2];
@@ -133,10 +144,10 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
 
 RunResult runKindlet(const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& extraEnvironment,
-                     std::chrono::milliseconds timeout) {
+                     std::chrono::milliseconds timeout, const KillCondition& killWhen) {
   std::vector<std::string> argv{kindletPath()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return run(kindletPath(), argv, extraEnvironment, timeout);
+  return run(kindletPath(), argv, extraEnvironment, timeout, killWhen);
 }
 
 std::vector<std::string> splitLines(const std::string& text) {

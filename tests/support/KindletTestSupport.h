@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,18 +25,26 @@ struct RunResult {
   int exitStatus = -1;  // 0-255 when the process exited, else -1
   int signal = 0;       // the signal that ended it, else 0
   bool timedOut = false;  // killed by us after the time-out
+  bool killedEarly = false;  // killed by us because killWhen said so
+  int pid = -1;             // the child's process id (= its main thread's id)
 };
+
+// Asked about every 20 ms while the child runs; true kills it with SIGKILL.
+using KillCondition = std::function<bool()>;
 
 // Runs `program` with `arguments` (argv[0] is the program path) in
 // parentEnvironment() changed by `extraEnvironment` (an empty value removes
-// the key). Kills it with SIGKILL after `timeout`.
+// the key). Kills it with SIGKILL after `timeout`, or as soon as `killWhen`
+// gives true.
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
               const std::map<std::string, std::string>& extraEnvironment = {},
-              std::chrono::milliseconds timeout = std::chrono::seconds(60));
+              std::chrono::milliseconds timeout = std::chrono::seconds(60),
+              const KillCondition& killWhen = nullptr);
 // The installed kindlet.
 RunResult runKindlet(const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& extraEnvironment = {},
-                     std::chrono::milliseconds timeout = std::chrono::seconds(60));
+                     std::chrono::milliseconds timeout = std::chrono::seconds(60),
+                     const KillCondition& killWhen = nullptr);
 
 std::vector<std::string> splitLines(const std::string& text);
 
