@@ -13,7 +13,11 @@ SignalMaskGuard::SignalMaskGuard(int mode, const std::vector<int>& signals)
     case Block: how = SIG_BLOCK; break;
     case Unblock: how = SIG_UNBLOCK; break;
     case SetMask: how = SIG_SETMASK; break;
-    default: return;
+    default:
+      // Nothing was changed, so there is nothing to put back: restoring the
+      // empty oldMask would unblock every signal of the thread.
+      restored = true;
+      return;
   }
   pthread_sigmask(how, &set, &oldMask);
 }
