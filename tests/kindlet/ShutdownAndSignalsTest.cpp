@@ -121,4 +121,16 @@ TEST(SignalMaskGuard, DestructionWithoutRestorePutsTheOldMaskBack) {
   unblock(SIGUSR2);
 }
 
+TEST(SignalMaskGuard, UnknownModeChangesNothingNowOrLater) {
+  block(SIGUSR2);
+  {
+    SignalMaskGuard guard(7, {SIGUSR1});
+    EXPECT_FALSE(blocked(SIGUSR1));
+    guard.restore();
+    EXPECT_TRUE(blocked(SIGUSR2));
+  }
+  EXPECT_TRUE(blocked(SIGUSR2));
+  unblock(SIGUSR2);
+}
+
 }  // namespace
