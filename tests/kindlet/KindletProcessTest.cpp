@@ -1,7 +1,16 @@
 // The installed kindlet, run as its parent runs it, with the recording
 // renderer writing down every plug-in call.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstring>
+#include <thread>
+
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <string>
@@ -10,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "KindletTestSupport.h"
+#include "XoAttribute/Attribute.h"
 
 using kindlettest::readRecordFile;
 using kindlettest::recordedSlots;
@@ -219,6 +229,112 @@ TEST_F(Kindlet, LiveRenderUnderTheSwitchWithoutHostWaitsInTheLoop) {
       });
   EXPECT_TRUE(result.killedEarly) << result.err;
   EXPECT_EQ(slots(), (Slots{"create", "setup", "start", "startLiveEditing"}));
+}
+
+// ---- a live render fed over TCP ----
+
+// A listening loopback socket; accept() waits at most ten seconds.
+class Listener {
+ public:
+  Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 1) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+      ADD_FAILURE() << "listener: " << strerror(errno);
+    port = ntohs(address.sin_port);
+  }
+  ~Listener() {
+    close(fd);
+    if (peer >= 0) close(peer);
+  }
+  bool accept() {
+    pollfd polled{fd, POLLIN, 0};
+    if (poll(&polled, 1, 10000) != 1) return false;
+    peer = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    return peer >= 0;
+  }
+  bool send(const std::string& bytes) {
+    return ::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+  }
+
+  int fd;
+  int peer = -1;
+  unsigned port = 0;
+};
+
+TEST_F(Kindlet, HexSequenceIDSelectsThisRendersPartOfAnUpdate) {
+  using namespace Arbolite3::internal::XoAttribute;
+  Listener control, data;
+  auto group = [](const std::string& name, const Attribute& value) {
+    GroupBuilder builder;
+    builder.set(name, value);
+    return builder.build();
+  };
+  GroupBuilder perRender;
+  perRender.set("16", group("own", StringAttribute("yes")));
+  perRender.set("10", group("other", StringAttribute("no")));
+  GroupBuilder update;
+  update.set("a", StringAttribute("top"));
+  update.set("__perRenderUpdateAttributes", perRender.build());
+  const std::string payload = update.build().getBinary();
+  std::string frame(8, '\0');
+  for (int i = 0; i < 8; ++i) frame[i] = static_cast<char>((uint64_t(payload.size()) >> (8 * i)) & 0xff);
+  frame += payload;
+  std::string stop(256, '\0');
+  stop.replace(0, 15, "stopLiveEditing");
+
+  bool fed = false;
+  std::thread sender([&] {
+    if (!control.accept() || !data.accept() || !data.send(frame)) return;
+    // The stop overtakes updates still on their way: wait until it arrived.
+    for (int i = 0; i < 1000; ++i) {
+      const Slots recorded = slots();
+      if (std::find(recorded.begin(), recorded.end(), "submitUpdate") != recorded.end()) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    fed = control.send(stop);
+    // A stop whose wake-up falls between two turns of the loop waits for the
+    // next message: nudge until the render has stopped.
+    std::string nudge(256, '\0');
+    nudge.replace(0, 5, "nudge");
+    for (int i = 0; i < 200; ++i) {
+      const Slots recorded = slots();
+      if (std::find(recorded.begin(), recorded.end(), "stop") != recorded.end()) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      control.send(nudge);
+    }
+  });
+  const RunResult result = runKindlet(
+      argv(options({{"renderMethodType", "liveRender"},
+                    {"sequenceID", "0x10"},
+                    {"host", "127.0.0.1:any"},
+                    {"portControl", std::to_string(control.port)},
+                    {"portData", std::to_string(data.port)}})),
+      {{"SELVANE_DISABLE_PREVANE_PLUS", "1"}}, std::chrono::seconds(30));
+  sender.join();
+  EXPECT_TRUE(fed);
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  bool found = false;
+  for (const RecordLine& line : records()) {
+    if (line.slot == "submitUpdate") {
+      found = true;
+      EXPECT_EQ(line.details, "{own=\"yes\",a=\"top\"}");
+      EXPECT_NE(line.tid, result.pid) << "delivered on the data reader thread";
+    } else {
+      EXPECT_EQ(line.tid, result.pid) << line.slot;
+    }
+  }
+  EXPECT_TRUE(found);
+  Slots recorded;
+  for (const std::string& slot : slots())
+    if (slot != "handleControlCommand") recorded.push_back(slot);
+  ASSERT_GE(recorded.size(), 4u);
+  EXPECT_EQ(Slots(recorded.end() - 4, recorded.end()),
+            (Slots{"stopLiveEditing", "stop", "teardown", "destroy"}));
 }
 
 }  // namespace
