@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 #include "KINDLET/src/KindletLog.h"
 #include "KINDLET/src/RerenderControl/RerenderIPC.h"
@@ -33,6 +34,24 @@ void logDebug(const char* text, int line) {
   (pluginSuite->slot != nullptr ? pluginSuite->slot(pluginHandle, ##__VA_ARGS__) : 0)
 
 }  // namespace
+
+// Lets a delivery into the plug-in unless the plug-in was released. The
+// count goes up before the flag is read and release() sets the flag before
+// it reads the count, so either the delivery sees the flag or release()
+// waits for the delivery to leave. A delivery never waits.
+class DeliveryPass {
+ public:
+  explicit DeliveryPass(Manager& manager) : manager(manager) {
+    manager.deliveriesInPlugin.fetch_add(1);
+    open = !manager.pluginReleased.load();
+  }
+  ~DeliveryPass() { manager.deliveriesInPlugin.fetch_sub(1); }
+  explicit operator bool() const { return open; }
+
+ private:
+  Manager& manager;
+  bool open;
+};
 
 Manager::Manager(XoRendererPluginHandle pluginHandle_, XoRendererPluginSuite* pluginSuite_,
                  const std::string& host_, uint16_t portControl_, uint16_t portData_,
@@ -70,6 +89,7 @@ void Manager::release(Manager* manager) {
     return;
   }
   manager->pluginReleased.store(true);
+  while (manager->deliveriesInPlugin.load() != 0) std::this_thread::yield();
   if (manager->pluginSuite != nullptr && manager->pluginHandle != nullptr) {
     XoRendererPluginSuite* pluginSuite = manager->pluginSuite;
     XoRendererPluginHandle pluginHandle = manager->pluginHandle;
@@ -158,7 +178,8 @@ __attribute__((noinline)) void Manager::storeLiveRenderState(int32_t value) {
 }
 
 void Manager::processLiveRenderData(const char* data, size_t length) {
-  if (pluginReleased.load()) return;  // the plug-in is being torn down
+  DeliveryPass pass(*this);
+  if (!pass) return;  // the plug-in is being torn down
   Attribute parsed = Attribute::parseBinary(data, length);
   if (!parsed.isValid() || parsed.getType() != kTypeGroup) {
     if (kindletLog().errorEnabled()) {
@@ -193,7 +214,8 @@ void Manager::processLiveRenderData(const char* data, size_t length) {
 }
 
 void Manager::processLiveRenderUpdate(const GroupAttribute& update) {
-  if (pluginReleased.load()) return;  // the plug-in is being torn down
+  DeliveryPass pass(*this);
+  if (!pass) return;  // the plug-in is being torn down
   if (kindletLog().debugEnabled()) {
     kindletLog().debug("Processing Live Render Update: " + update.getXML(), kSource, __LINE__);
   }
@@ -214,7 +236,8 @@ void Manager::processControlCommand(const std::string& command) {
 }
 
 void Manager::processControlCommand(ControlCommandRecord record) {
-  if (pluginReleased.load()) return;  // the plug-in is being torn down
+  DeliveryPass pass(*this);
+  if (!pass) return;  // the plug-in is being torn down
   if (record.text[0] == '\0') return;  // an empty command does not even wake
   // The comparisons include the terminator: only the exact words match.
   if (std::memcmp(record.text, "stopLiveEditing", 16) == 0) {

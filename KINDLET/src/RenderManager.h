@@ -71,6 +71,11 @@ class Manager {
   std::mutex wakeMutex;  // taken by the live-render loop alone
   std::atomic<bool> readersAttached{false};
   std::atomic<bool> pluginReleased{false};  // teardown done: deliveries are dropped
+  // Deliveries inside the plug-in right now; release() waits for them to
+  // leave before teardown, so none is still in the plug-in when it goes.
+  std::atomic<int> deliveriesInPlugin{0};
+
+  friend class DeliveryPass;
 };
 
 }  // namespace Rendering
