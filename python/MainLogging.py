@@ -134,15 +134,15 @@ class _ConnectOnImport(object):
         for finder in sys.meta_path:
             if finder is self or not hasattr(finder, "find_spec"):
                 continue
-            spec = finder.find_spec(name, path, target)
-            if spec is not None:
+            found = finder.find_spec(name, path, target)
+            if found is not None:
                 break
         else:
             return None
         self._remove()
-        loader = spec.loader
+        loader = found.loader
         if loader is None or not hasattr(loader, "exec_module"):
-            return spec
+            return found
         execute = loader.exec_module
 
         def exec_module(module):
@@ -154,7 +154,7 @@ class _ConnectOnImport(object):
                 sys.stderr.write("MainLogging: cannot connect logging: %r\n" % (error,))
 
         loader.exec_module = exec_module
-        return spec
+        return found
 
     def _remove(self):
         global _hook
