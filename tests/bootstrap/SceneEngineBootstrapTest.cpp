@@ -46,17 +46,17 @@ class _AfterArboliteAPI(object):
             return None
         sys.meta_path.remove(self)
         for finder in sys.meta_path:
-            spec = finder.find_spec(name, path, target) if hasattr(finder, "find_spec") else None
-            if spec is not None:
+            found = finder.find_spec(name, path, target) if hasattr(finder, "find_spec") else None
+            if found is not None:
                 break
         else:
             return None
-        execute = spec.loader.exec_module
+        execute = found.loader.exec_module
         def exec_module(module):
             execute(module)
             _smoke(module)
-        spec.loader.exec_module = exec_module
-        return spec
+        found.loader.exec_module = exec_module
+        return found
 
 sys.meta_path.insert(0, _AfterArboliteAPI())
 )PY";
