@@ -21,32 +21,37 @@
 #include <thread>
 #include <vector>
 
+#include "Child.h"
+#include "ClientLiveMode.h"
 #include "Script.h"
-#include "base/ExecutablePath.h"
 #include "base/FileDescriptor.h"
-#include "base/ProcessCreationTime.h"
 
 using Arbolite3::Base::FileDescriptor;
+using KindletControl::Child;
 using KindletControl::Step;
-
-extern char** environ;
 
 namespace {
 
 const char usage[] =
     "usage: kindlet-control [options] [-- kindlet options...]\n"
+    "  --registry-port N    port of the service registry (default 0: a free one)\n"
+    "  --renders N          start N kindlets, with -sequenceID 1..N (default 1)\n"
+    "  --legacy-tcp         feed kindlet over the two TCP channels instead:\n"
     "  --control-port N     port of the control channel (default 0: a free one)\n"
     "  --data-port N        port of the data channel (default 0: a free one)\n"
     "  --script FILE        commands to run (default: standard input)\n"
     "  --start              start the kindlet installed beside this program\n"
     "  --kindlet PATH       start this kindlet\n"
-    "  --connect-timeout S  give up when kindlet hasn't connected after S seconds (60)\n"
+    "  --connect-timeout S  give up when kindlet hasn't registered or connected\n"
+    "                       after S seconds (60)\n"
     "  --timeout S          kill kindlet when it hasn't ended S seconds after the\n"
     "                       script asked to wait (default: wait for ever)\n"
     "Options after -- go to kindlet, after the live-render options this program\n"
-    "adds (-host 127.0.0.1:0 -portControl N -portData M -renderMethodType liveRender).\n"
-    "Exit status: kindlet's (128 + signal when killed), or 0 without a child;\n"
-    "2 for a usage or script error, 3 when kindlet didn't connect.\n";
+    "adds (-host 127.0.0.1:0 -serviceRegistryPort P -renderMethodType liveRender;\n"
+    "with --legacy-tcp -portControl N -portData M instead of the registry port).\n"
+    "Exit status: kindlet's (128 + signal when killed; the first non-zero one of\n"
+    "several), or 0 without a child; 2 for a usage or script error, 3 when kindlet\n"
+    "didn't register or connect.\n";
 
 struct Options {
   unsigned short controlPort = 0;
@@ -57,6 +62,8 @@ struct Options {
   double connectTimeout = 60;
   double timeout = 0;
   std::vector<std::string> kindletOptions;
+  bool legacyTcp = false;
+  KindletControl::ClientLiveOptions client;  // the same settings, for the default transport
 };
 
 bool parseNumber(const char* text, double& value) {
@@ -70,10 +77,15 @@ bool parseOptions(int argc, char** argv, Options& options) {
     const std::string option = argv[i];
     if (option == "--") {
       options.kindletOptions.assign(argv + i + 1, argv + argc);
+      options.client.kindletOptions = options.kindletOptions;
       return true;
     }
     if (option == "--start") {
-      options.start = true;
+      options.start = options.client.start = true;
+      continue;
+    }
+    if (option == "--legacy-tcp") {
+      options.legacyTcp = true;
       continue;
     }
     if (option == "--help" || option == "-h") return false;
@@ -83,16 +95,21 @@ bool parseOptions(int argc, char** argv, Options& options) {
     if (option == "--script") {
       options.script = value;
     } else if (option == "--kindlet") {
-      options.kindlet = value;
-      options.start = true;
+      options.kindlet = options.client.kindlet = value;
+      options.start = options.client.start = true;
+    } else if (option == "--registry-port" && parseNumber(value, number) && number <= 65535) {
+      options.client.registryPort = static_cast<unsigned short>(number);
+    } else if (option == "--renders" && parseNumber(value, number) && number >= 1 &&
+               number <= 64) {
+      options.client.renders = static_cast<int>(number);
     } else if ((option == "--control-port" || option == "--data-port") &&
                parseNumber(value, number) && number <= 65535) {
       (option == "--control-port" ? options.controlPort : options.dataPort) =
           static_cast<unsigned short>(number);
     } else if (option == "--connect-timeout" && parseNumber(value, number)) {
-      options.connectTimeout = number;
+      options.connectTimeout = options.client.connectTimeout = number;
     } else if (option == "--timeout" && parseNumber(value, number)) {
-      options.timeout = number;
+      options.timeout = options.client.timeout = number;
     } else {
       return false;
     }
@@ -120,121 +137,21 @@ FileDescriptor listenOn(unsigned short& port) {
   return fd;
 }
 
-// The kindlet child, if this program started one.
-class Child {
- public:
-  bool start(const Options& options, unsigned short controlPort, unsigned short dataPort) {
-    std::string path = options.kindlet;
-    if (path.empty()) {
-      const std::string self = Arbolite3::Base::getExecutablePath();
-      path = self.substr(0, self.rfind('/') + 1) + "kindlet";
-    }
-    std::vector<std::string> arguments = {path,
-                                          "-host",
-                                          "127.0.0.1:0",
-                                          "-portControl",
-                                          std::to_string(controlPort),
-                                          "-portData",
-                                          std::to_string(dataPort),
-                                          "-renderMethodType",
-                                          "liveRender"};
-    arguments.insert(arguments.end(), options.kindletOptions.begin(),
-                     options.kindletOptions.end());
-
-    // kindlet ends itself when this program goes away.
-    const int self = ::getpid();
-    const int64_t created = Arbolite3::Base::getProcessCreationTime(self, nullptr);
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry; ++entry) {
-      const std::string text = *entry;
-      if (text.rfind("SELVANE_DISABLE_PREVANE_PLUS=", 0) != 0 &&
-          text.rfind("__SELVANE_CONTROLLING_PROCESS=", 0) != 0)
-        environment.push_back(text);
-    }
-    environment.push_back("SELVANE_DISABLE_PREVANE_PLUS=1");
-    if (created >= 0)
-      environment.push_back("__SELVANE_CONTROLLING_PROCESS=" + std::to_string(self) + ";" +
-                            std::to_string(created));
-
-    // Everything the child needs is built before fork: between fork and exec
-    // only async-signal-safe calls.
-    std::vector<char*> argv, envp;
-    for (std::string& text : arguments) argv.push_back(&text[0]);
-    argv.push_back(nullptr);
-    for (std::string& text : environment) envp.push_back(&text[0]);
-    envp.push_back(nullptr);
-
-    pid_ = ::fork();
-    if (pid_ < 0) {
-      std::cerr << "kindlet-control: fork: " << std::strerror(errno) << std::endl;
-      return false;
-    }
-    if (pid_ == 0) {
-      ::execve(argv[0], argv.data(), envp.data());
-      static const char failed[] = "kindlet-control: cannot run kindlet\n";
-      ssize_t ignored = ::write(2, failed, sizeof failed - 1);
-      (void)ignored;
-      ::_exit(127);
-    }
-    std::cout << "kindlet pid " << pid_ << std::endl;
-    return true;
-  }
-
-  bool started() const { return pid_ > 0; }
-  bool ended() { return poll(0); }
-
-  // Waits up to `seconds` (0: no limit) for the end; false on time-out.
-  bool waitFor(double seconds) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!poll(seconds > 0 ? 20 : -1))
-      if (seconds > 0 && std::chrono::steady_clock::now() >= deadline) return false;
-    return true;
-  }
-
-  void kill() {
-    if (started() && !ended()) {
-      ::kill(pid_, SIGKILL);
-      poll(-1);
-    }
-  }
-
-  // Prints the end once; the status this program then exits with.
-  int report() {
-    if (!reported_) {
-      if (WIFEXITED(status_))
-        std::cout << "kindlet exited with status " << WEXITSTATUS(status_) << std::endl;
-      else
-        std::cout << "kindlet killed by signal " << WTERMSIG(status_) << std::endl;
-      reported_ = true;
-    }
-    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
-  }
-
- private:
-  // Reaps the child if it has ended, waiting up to `milliseconds` (-1: no
-  // limit, 0: not at all).
-  bool poll(int milliseconds) {
-    if (done_) return true;
-    if (milliseconds < 0) {
-      pid_t result;
-      do {
-        result = ::waitpid(pid_, &status_, 0);
-      } while (result < 0 && errno == EINTR);
-      return done_ = result == pid_;
-    }
-    for (int waited = 0;; waited += 5) {
-      if (::waitpid(pid_, &status_, WNOHANG) == pid_) return done_ = true;
-      if (waited >= milliseconds) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-  }
-
-  pid_t pid_ = -1;
-  int status_ = 0;
-  bool done_ = false;
-  bool reported_ = false;
-};
+// The legacy pair: kindlet connects to our two ports and reads them alone.
+bool startLegacyChild(Child& child, const Options& options) {
+  std::vector<std::string> arguments = {KindletControl::kindletExecutable(options.kindlet),
+                                        "-host",
+                                        "127.0.0.1:0",
+                                        "-portControl",
+                                        std::to_string(options.controlPort),
+                                        "-portData",
+                                        std::to_string(options.dataPort),
+                                        "-renderMethodType",
+                                        "liveRender"};
+  arguments.insert(arguments.end(), options.kindletOptions.begin(), options.kindletOptions.end());
+  return child.start(arguments, {"SELVANE_DISABLE_PREVANE_PLUS"},
+                     {"SELVANE_DISABLE_PREVANE_PLUS=1"});
+}
 
 // Accepts one connection on each listener, in whatever order they come.
 bool acceptBoth(FileDescriptor& controlListener, FileDescriptor& dataListener,
@@ -317,6 +234,7 @@ int main(int argc, char** argv) {
     }
   }
   std::istream& script = scriptFile.is_open() ? scriptFile : std::cin;
+  if (!options.legacyTcp) return KindletControl::runClientLiveMode(options.client, script);
 
   FileDescriptor controlListener = listenOn(options.controlPort);
   FileDescriptor dataListener = listenOn(options.dataPort);
@@ -325,7 +243,7 @@ int main(int argc, char** argv) {
             << "data port " << options.dataPort << std::endl;
 
   Child child;
-  if (options.start && !child.start(options, options.controlPort, options.dataPort)) return 2;
+  if (options.start && !startLegacyChild(child, options)) return 2;
 
   FileDescriptor control, data;
   if (!acceptBoth(controlListener, dataListener, control, data, child, options.connectTimeout)) {
