@@ -6,7 +6,7 @@
 #include <iostream>
 #include <memory>
 
-#include "Child.h"
+#include "Launcher.h"
 #include "RegistryServer.h"
 #include "Script.h"
 
@@ -18,18 +18,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The kindlets this program started, each with its own end report.
 class Renders {
  public:
   explicit Renders(const ClientLiveOptions& options) : options(options) {}
 
+  // False when one did not start (its end is then reported by report()).
   bool start(unsigned short registryPort) {
     for (int i = 1; i <= options.renders; ++i) {
-      std::vector<std::string> arguments = {kindletExecutable(options.kindlet),
-                                            "-host",
-                                            "127.0.0.1:0",
-                                            "-serviceRegistryPort",
-                                            std::to_string(registryPort),
-                                            "-renderMethodType",
+      std::vector<std::string> arguments = {"-host", "127.0.0.1:0", "-serviceRegistryPort",
+                                            std::to_string(registryPort), "-renderMethodType",
                                             "liveRender"};
       if (options.renders > 1) {
         arguments.push_back("-sequenceID");
@@ -37,8 +35,11 @@ class Renders {
       }
       arguments.insert(arguments.end(), options.kindletOptions.begin(),
                        options.kindletOptions.end());
-      children.emplace_back(new Child());
-      if (!children.back()->start(arguments, {"SELVANE_DISABLE_PREVANE_PLUS"}, {})) return false;
+      children.emplace_back(new Launcher(options.kindlet));
+      reports.emplace_back(new EndReport(*children.back()));
+      if (!children.back()->start(arguments, {{"SELVANE_DISABLE_PREVANE_PLUS", "0"}}))
+        return false;
+      std::cout << "kindlet pid " << children.back()->pid() << std::endl;
     }
     return true;
   }
@@ -57,12 +58,12 @@ class Renders {
   void killAll() {
     for (auto& child : children) child->kill();
   }
-  // Each child's end, printed once; the first non-zero status, else 0.
+  // Each ended child's end, printed once; the first non-zero status, else 0.
   int report() {
     int status = 0;
-    for (auto& child : children) {
-      if (!child->ended()) continue;
-      const int own = child->report();
+    for (size_t i = 0; i < children.size(); ++i) {
+      if (!children[i]->ended() && children[i]->started()) continue;
+      const int own = (*reports[i])();
       if (status == 0) status = own;
     }
     return status;
@@ -70,7 +71,8 @@ class Renders {
 
  private:
   const ClientLiveOptions& options;
-  std::vector<std::unique_ptr<Child>> children;
+  std::vector<std::unique_ptr<Launcher>> children;
+  std::vector<std::unique_ptr<EndReport>> reports;
 };
 
 // Keeps the registry served while waiting; true once `done` says so, false
@@ -117,7 +119,7 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
   Renders renders(options);
   if (options.start && !renders.start(port)) {
     renders.killAll();
-    return 2;
+    return renders.report();
   }
   const size_t wanted = options.start ? static_cast<size_t>(options.renders) : 1;
   const bool registered = serveUntil(registry, options.connectTimeout, [&] {
