@@ -130,11 +130,14 @@ void BM_ClientToPlugin(benchmark::State& state) {
 }
 
 // The same frames through a bare PUSH/PULL pair; the receiver only counts.
+// Each end has its own context (and so its own I/O thread), as the two ends
+// of a live render live in two processes.
 void BM_ZmqPushPull(benchmark::State& state) {
   const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
-  void* context = zmq_ctx_new();
-  void* pull = zmq_socket(context, ZMQ_PULL);
-  void* push = zmq_socket(context, ZMQ_PUSH);
+  void* pullContext = zmq_ctx_new();
+  void* pushContext = zmq_ctx_new();
+  void* pull = zmq_socket(pullContext, ZMQ_PULL);
+  void* push = zmq_socket(pushContext, ZMQ_PUSH);
   zmq_bind(pull, "tcp://127.0.0.1:*");
   char endpoint[64];
   size_t size = sizeof endpoint;
@@ -158,7 +161,8 @@ void BM_ZmqPushPull(benchmark::State& state) {
   receiver.join();
   zmq_close(push);
   zmq_close(pull);
-  zmq_ctx_term(context);
+  zmq_ctx_term(pushContext);
+  zmq_ctx_term(pullContext);
 }
 
 // The floor: length-prefixed frames over a loopback TCP connection, read
