@@ -7,7 +7,6 @@
 // keeps waiting for it and registers again when it is back.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
