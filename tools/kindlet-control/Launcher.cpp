@@ -105,7 +105,10 @@ bool Launcher::waitFor(double seconds) {
       if (left < slice) slice = static_cast<int>(left);
     }
     const int fd = child_.waitFd();
-    Arbolite3::Base::waitForReadable(&fd, 1, slice, nullptr);
+    // After the hang-up the descriptor stays ready: pause until the end can
+    // be reaped instead of spinning.
+    if (Arbolite3::Base::waitForReadable(&fd, 1, slice, nullptr) == fd)
+      ::usleep(1000);
   }
   return true;
 }
