@@ -1,9 +1,13 @@
 #include "Launcher.h"
 
+#include <patchlevel.h>
+#include <sys/stat.h>
+
 #include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
@@ -60,6 +64,19 @@ std::map<std::string, std::string> Launcher::childEnvironment() {
 
 bool Launcher::start(const std::vector<std::string>& options,
                      const std::map<std::string, std::string>& extraEnvironment) {
+  // An interpreter without its standard library ends this process inside
+  // its start-up; a broken root gets a clear line instead.
+  char version[16];
+  std::snprintf(version, sizeof version, "%d.%d", PY_MAJOR_VERSION, PY_MINOR_VERSION);
+  const std::string library =
+      installRoot() + "/bin/python" + version + "/lib/python" + version + "/os.py";
+  struct stat found;
+  if (::stat(library.c_str(), &found) != 0) {
+    std::cerr << "kindlet-control: no interpreter home in " << installRoot() << " (" << library
+              << " is missing)" << std::endl;
+    failedToStart_ = true;
+    return false;
+  }
   Subprocess::Options launch;
   launch.arguments.push_back(kindlet_);
   launch.arguments.insert(launch.arguments.end(), options.begin(), options.end());
