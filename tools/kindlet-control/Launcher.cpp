@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -79,6 +80,10 @@ bool Launcher::start(const std::vector<std::string>& options,
   }
   Subprocess::Options launch;
   launch.arguments.push_back(kindlet_);
+  if (std::find(options.begin(), options.end(), "-selvaneRoot") == options.end()) {
+    launch.arguments.push_back("-selvaneRoot");
+    launch.arguments.push_back(installRoot());
+  }
   launch.arguments.insert(launch.arguments.end(), options.begin(), options.end());
   launch.environment = childEnvironment();
   for (const auto& entry : extraEnvironment) launch.environment[entry.first] = entry.second;
