@@ -21,7 +21,8 @@ class Launcher {
   // `kindlet` empty: <root>/bin/kindlet.
   explicit Launcher(std::string kindlet = std::string());
 
-  // Starts kindlet with `options` (without the program). `extraEnvironment`
+  // Starts kindlet with `options` (without the program), preceded by
+  // -selvaneRoot <root> unless they name a root. `extraEnvironment`
   // goes over what this process hands down. False when it did not start,
   // with the reason on standard error.
   bool start(const std::vector<std::string>& options,
