@@ -40,6 +40,7 @@ void Renderer::load(const SceneTree& tree) {
   std::lock_guard<std::mutex> lock(stateMutex);
   sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
   samplesDone = 0;
+  latest.clear();
   ++generation;
 }
 
@@ -48,19 +49,22 @@ std::string Renderer::outputPath() const {
   return pattern.empty() ? pattern : outputPathForFrame(pattern, compiled->settings.frame);
 }
 
-bool Renderer::writeImage(const std::vector<float>& sums_, int samples) {
+std::vector<float> Renderer::average(int samples) const {
+  std::vector<float> pixels(sums.size());
+  const float scale = 1.0f / float(samples);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = sums[i] * scale;
+  return pixels;
+}
+
+bool Renderer::writeImage(const std::vector<float>& pixels) {
   const std::string path = outputPath();
-  if (!options.writeImages) return true;
   if (path.empty()) {
     reporter.warnOnce("no output", "No output image path (renderSettings.output or -outputImage); "
                                    "the image is not written");
     return false;
   }
-  std::vector<float> average(sums_.size());
-  const float scale = 1.0f / float(samples);
-  for (size_t i = 0; i < average.size(); ++i) average[i] = sums_[i] * scale;
   std::string error;
-  if (!writeImageAtomically(path, compiled->settings.width, compiled->settings.height, average,
+  if (!writeImageAtomically(path, compiled->settings.width, compiled->settings.height, pixels,
                             error)) {
     PT_ERROR("Cannot write image \"" << path << "\": " << error);
     return false;
@@ -82,14 +86,16 @@ bool Renderer::renderBatch() {
       PT_INFO("Rendered " << tenths * 10 << "%");
     }
   }
+  std::vector<float> pixels = average(s.samples);
+  const bool written = !options.writeImages || writeImage(pixels);
+  if (written && options.writeImages) PT_INFO("Wrote image " << outputPath());
   {
     std::lock_guard<std::mutex> lock(stateMutex);
     samplesDone = s.samples;
+    latest = std::move(pixels);
   }
   stateChanged.notify_all();
-  if (!writeImage(sums, s.samples)) return false;
-  PT_INFO("Wrote image " << outputPath());
-  return true;
+  return written;
 }
 
 void Renderer::startLive() {
@@ -125,11 +131,18 @@ void Renderer::liveLoop() {
     const uint64_t passGeneration = generation;
     const int sample = samplesDone;
     lock.unlock();
-    bool complete = renderPass(*compiled, sample, sums, arena, cancel);
-    if (complete) writeImage(sums, sample + 1);
+    const bool complete = renderPass(*compiled, sample, sums, arena, cancel);
+    std::vector<float> pixels;
+    if (complete) {
+      pixels = average(sample + 1);
+      if (options.writeImages) writeImage(pixels);
+    }
     lock.lock();
     busy = false;
-    if (complete && passGeneration == generation) samplesDone = sample + 1;
+    if (complete && passGeneration == generation) {
+      samplesDone = sample + 1;
+      latest = std::move(pixels);
+    }
     stateChanged.notify_all();
   }
 }
@@ -173,6 +186,7 @@ void Renderer::applyQueuedUpdates() {
     std::lock_guard<std::mutex> lock(stateMutex);
     sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
     samplesDone = 0;
+    latest.clear();
     ++generation;
     cancel = false;
     paused = false;
@@ -188,20 +202,16 @@ uint64_t Renderer::state() {
 bool Renderer::waitForSamples(uint64_t state, int samples, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(stateMutex);
   stateChanged.wait_for(lock, timeout, [&] {
-    return generation != state || (samplesDone >= samples && !busy);
+    return generation != state || samplesDone >= samples;
   });
   return generation == state && samplesDone >= samples;
 }
 
-std::vector<float> Renderer::image(int* width, int* height) {
-  std::unique_lock<std::mutex> lock(stateMutex);
-  stateChanged.wait(lock, [&] { return !busy; });
+std::vector<float> Renderer::image(int* width, int* samples) {
+  std::lock_guard<std::mutex> lock(stateMutex);
   if (width) *width = compiled->settings.width;
-  if (height) *height = compiled->settings.height;
-  std::vector<float> average(sums.size());
-  const float scale = samplesDone > 0 ? 1.0f / float(samplesDone) : 0.0f;
-  for (size_t i = 0; i < sums.size(); ++i) average[i] = sums[i] * scale;
-  return average;
+  if (samples) *samples = samplesDone;
+  return latest;
 }
 
 }  // namespace pathtracer

@@ -58,8 +58,9 @@ class Renderer {
   // Waits until the image of `state` holds at least `samples` samples per
   // pixel; false on time-out or when the state has moved on.
   bool waitForSamples(uint64_t state, int samples, std::chrono::milliseconds timeout);
-  // The averaged image of the current state, width * height * 3.
-  std::vector<float> image(int* width = nullptr, int* height = nullptr);
+  // The last complete image of the current state, width * height * 3, and
+  // its samples per pixel.
+  std::vector<float> image(int* width = nullptr, int* samples = nullptr);
   const SceneTree& tree() const { return sceneTree; }
   const RenderScene& scene() const { return *compiled; }
   // The output path of the current frame, "" when none was set.
@@ -67,7 +68,8 @@ class Renderer {
 
  private:
   void liveLoop();
-  bool writeImage(const std::vector<float>& sums, int samples);
+  std::vector<float> average(int samples) const;
+  bool writeImage(const std::vector<float>& pixels);
 
   RendererOptions options;
   RTCDevice device = nullptr;
@@ -90,6 +92,7 @@ class Renderer {
   bool stopping = false, paused = false, busy = false;
   uint64_t generation = 0;
   int samplesDone = 0;
+  std::vector<float> latest;  // the image of samplesDone samples
   std::atomic<bool> cancel{false};
 };
 
