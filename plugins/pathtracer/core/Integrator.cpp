@@ -46,11 +46,10 @@ Hit intersect(const RenderScene& scene, const Vec3& origin, const Vec3& directio
   hit.geometricNormal = normalize(Vec3(rh.hit.Ng_x, rh.hit.Ng_y, rh.hit.Ng_z));
   hit.shadingNormal = hit.geometricNormal;
   const MeshShading& shading = scene.geometry->meshes[rh.hit.geomID];
-  if (!shading.normals.empty()) {
-    const unsigned* tri = &shading.indices[3 * size_t(rh.hit.primID)];
+  if (!shading.cornerNormals.empty()) {
+    const Vec3* corner = &shading.cornerNormals[3 * size_t(rh.hit.primID)];
     const float u = rh.hit.u, v = rh.hit.v;
-    const Vec3 n = shading.normals[tri[0]] * (1 - u - v) + shading.normals[tri[1]] * u +
-                   shading.normals[tri[2]] * v;
+    const Vec3 n = corner[0] * (1 - u - v) + corner[1] * u + corner[2] * v;
     if (dot(n, n) > 0) hit.shadingNormal = normalize(n);
   }
   return hit;
@@ -133,8 +132,13 @@ Random::Random(uint32_t pixel, uint32_t sample)
     : state(mix((uint64_t(pixel) << 32) ^ sample ^ 0x9e3779b97f4a7c15ULL)) {}
 
 float Random::next() {
+  // A linear congruential step with a permuted output: cheap, and good
+  // enough for the few dimensions one path uses.
   state = state * 6364136223846793005ULL + 1442695040888963407ULL;
-  return float(mix(state) >> 40) * (1.0f / 16777216.0f);
+  const uint32_t rotated = uint32_t(((state >> 18) ^ state) >> 27);
+  const uint32_t rotation = uint32_t(state >> 59);
+  const uint32_t bits = (rotated >> rotation) | (rotated << ((32 - rotation) & 31));
+  return float(bits >> 8) * (1.0f / 16777216.0f);
 }
 
 CameraRay cameraRay(const RenderScene& scene, float x, float y) {
@@ -152,10 +156,9 @@ CameraRay cameraRay(const RenderScene& scene, float x, float y) {
     ray.tfar = c.farClip;
     return ray;
   }
-  const float t = std::tan(c.fovDegrees * float(M_PI) / 360.0f);
-  const Vec3 d = c.toWorld.vector(Vec3(sx * t, sy * t, -1));
+  const Vec3 d = c.right * (sx * c.tanHalfFov) + c.up * (sy * c.tanHalfFov) - c.forward;
   const float len = length(d);
-  ray.origin = c.toWorld.point(Vec3(0, 0, 0));
+  ray.origin = c.position;
   ray.direction = d * (1 / len);
   // Clipping distances count along the view axis.
   ray.tnear = c.nearClip * len;
@@ -182,6 +185,7 @@ Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, Random& rand
     if (dot(n, ng) < 0) n = -n;
     const Vec3 p = offset(hit.point, ng);
     result += throughput * directLight(scene, p, n, wo, m, random);
+    if (depth + 1 == scene.settings.maxDepth) break;
 
     // Cosine-weighted bounce: the Lambert term and the density cancel.
     const float u1 = random.next(), u2 = random.next();

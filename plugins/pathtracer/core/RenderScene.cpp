@@ -242,8 +242,9 @@ std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
     MeshShading& shading = geometry->meshes[id];
     shading.path = instance.path;
     if (!mesh.normals.empty()) {
-      shading.indices = mesh.indices;
-      for (const Vec3& normal : mesh.normals) shading.normals.push_back(instance.toWorld.normal(normal));
+      std::vector<Vec3> world;
+      for (const Vec3& normal : mesh.normals) world.push_back(instance.toWorld.normal(normal));
+      for (unsigned index : mesh.indices) shading.cornerNormals.push_back(world[index]);
     }
     geometry->triangles += mesh.triangleCount();
   }
@@ -313,8 +314,13 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
     const GroupAttribute attrs = tree.find(cameraPath)->attributes;
     Camera& c = scene->camera;
     c.toWorld = walk.cameraTransforms[cameraPath];
+    c.position = c.toWorld.point(Vec3(0, 0, 0));
+    c.right = c.toWorld.vector(Vec3(1, 0, 0));
+    c.up = c.toWorld.vector(Vec3(0, 1, 0));
+    c.forward = c.toWorld.vector(Vec3(0, 0, 1));
     c.orthographic = text(attrs.getChildByName("geometry.projection")) == "orthographic";
     c.fovDegrees = float(number(attrs.getChildByName("geometry.fov"), c.fovDegrees));
+    c.tanHalfFov = std::tan(c.fovDegrees * float(M_PI) / 360.0f);
     c.orthographicWidth =
         float(number(attrs.getChildByName("geometry.orthographicWidth"), c.orthographicWidth));
     c.nearClip = float(number(attrs.getChildByName("geometry.near"), c.nearClip));

@@ -22,6 +22,9 @@ struct Camera {
   Transform toWorld;  // looks down -Z, +Y up
   bool orthographic = false;
   float fovDegrees = 45.0f;  // across the shorter image side
+  float tanHalfFov = 0.41421356f;
+  // toWorld's origin and axes (local X, Y, Z), for fast ray set-up.
+  Vec3 position, right{1, 0, 0}, up{0, 1, 0}, forward{0, 0, 1};
   float orthographicWidth = 2.0f;  // likewise
   float nearClip = 0.0f;
   float farClip = 1e30f;
@@ -40,8 +43,9 @@ struct Material {
 // Per Embree geometry: its material and, when given, per-vertex normals.
 struct MeshShading {
   std::string path;  // the polymesh location
-  std::vector<Vec3> normals;  // world space, one per vertex; empty for flat
-  std::vector<unsigned> indices;  // 3 per triangle
+  // World-space normals at the three corners of each triangle, side by side
+  // so a hit reads one place; empty for flat shading.
+  std::vector<Vec3> cornerNormals;
 };
 
 struct RenderSettings {
