@@ -35,9 +35,17 @@ Renderer::~Renderer() {
 
 void Renderer::load(const SceneTree& tree) {
   sceneTree = tree;
-  compiled = compileScene(sceneTree, device, meshes, reporter, nullptr, false);
-  if (options.samples > 0) compiled->settings.samples = options.samples;
+  recompile(false);
   std::lock_guard<std::mutex> lock(stateMutex);
+  startOverLocked();
+}
+
+void Renderer::recompile(bool reuseGeometry) {
+  compiled = compileScene(sceneTree, device, meshes, reporter, compiled.get(), reuseGeometry);
+  if (options.samples > 0) compiled->settings.samples = options.samples;
+}
+
+void Renderer::startOverLocked() {
   sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
   samplesDone = 0;
   latest.clear();
@@ -177,17 +185,10 @@ void Renderer::applyQueuedUpdates() {
     effect.geometryChanged |= one.geometryChanged;
     effect.anythingChanged |= one.anythingChanged;
   }
-  if (effect.anythingChanged) {
-    compiled = compileScene(sceneTree, device, meshes, reporter, compiled.get(),
-                            !effect.geometryChanged);
-    if (options.samples > 0) compiled->settings.samples = options.samples;
-  }
+  if (effect.anythingChanged) recompile(!effect.geometryChanged);
   {
     std::lock_guard<std::mutex> lock(stateMutex);
-    sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
-    samplesDone = 0;
-    latest.clear();
-    ++generation;
+    startOverLocked();
     cancel = false;
     paused = false;
   }

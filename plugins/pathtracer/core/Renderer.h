@@ -68,6 +68,8 @@ class Renderer {
 
  private:
   void liveLoop();
+  void recompile(bool reuseGeometry);
+  void startOverLocked();  // a new state with an empty image; stateMutex held
   std::vector<float> average(int samples) const;
   bool writeImage(const std::vector<float>& pixels);
 
