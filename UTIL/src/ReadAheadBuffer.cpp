@@ -28,6 +28,12 @@ void ReadAheadBuffer::allocate() {
   if (!storage_) storage_.reset(new Byte[capacity]);
 }
 
+void ReadAheadBuffer::moveToFront() {
+  std::memmove(storage_.get(), storage_.get() + begin_, size());
+  end_ -= begin_;
+  begin_ = 0;
+}
+
 void ReadAheadBuffer::consume(size_t count) {
   assert(count <= size());
   begin_ += count;
@@ -38,11 +44,7 @@ void ReadAheadBuffer::consume(size_t count) {
 Byte* ReadAheadBuffer::space(size_t recordSize, size_t& length) {
   assert(recordSize <= largestRecord);
   allocate();
-  if (begin_ + std::max(recordSize, size() + 1) > capacity) {
-    std::memmove(storage_.get(), storage_.get() + begin_, size());
-    end_ -= begin_;
-    begin_ = 0;
-  }
+  if (begin_ + std::max(recordSize, size() + 1) > capacity) moveToFront();
   // A single receive moves at most largestRecord bytes.
   length = std::min(capacity - end_, largestRecord);
   return storage_.get() + end_;
@@ -51,18 +53,14 @@ Byte* ReadAheadBuffer::space(size_t recordSize, size_t& length) {
 void ReadAheadBuffer::append(const Byte* bytes, size_t count) {
   if (count == 0) return;
   allocate();
-  if (capacity - end_ < count) {
-    std::memmove(storage_.get(), storage_.get() + begin_, size());
-    end_ -= begin_;
-    begin_ = 0;
-  }
+  if (capacity - end_ < count) moveToFront();
   assert(capacity - end_ >= count);
   std::memcpy(storage_.get() + end_, bytes, count);
   end_ += count;
 }
 
-size_t ReadAheadBuffer::take(Byte* out, size_t size_) {
-  const size_t count = std::min(size_, size());
+size_t ReadAheadBuffer::take(Byte* out, size_t limit) {
+  const size_t count = std::min(limit, size());
   if (count > 0) std::memcpy(out, data(), count);
   consume(count);
   return count;

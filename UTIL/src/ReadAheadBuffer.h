@@ -46,11 +46,13 @@ class ReadAheadBuffer {
 
   // Appends bytes, e.g. those another reader received ahead.
   void append(const Byte* bytes, size_t count);
-  // Moves up to `size` unread bytes to `out`; returns how many.
-  size_t take(Byte* out, size_t size);
+  // Copies up to `limit` unread bytes to `out` and consumes them; returns
+  // how many.
+  size_t take(Byte* out, size_t limit);
 
  private:
   void allocate();
+  void moveToFront();
 
   std::unique_ptr<Byte[]> storage_;  // `capacity` bytes once first needed
   size_t begin_ = 0;
