@@ -64,6 +64,7 @@ void TCPSocketImpl::BackgroundReadRequest::run(boost::shared_ptr<BackgroundReadR
   // What was received and not delivered belongs to whoever reads next,
   // unless the socket was closed from inside the callback.
   if (!ahead.empty() && socket->isOpen()) socket->unread = std::move(ahead);
+  __atomic_store_n(&finished, 1, __ATOMIC_RELEASE);
   socket->runningReaders.fetch_sub(1, std::memory_order_release);
   stopped.signal();
 }
@@ -75,6 +76,10 @@ void TCPSocketImpl::BackgroundReadRequest::cancel() {
   if (isReaderThread()) return;
   stopRequested.signal();
   stopped.wait();
+}
+
+bool TCPSocketImpl::BackgroundReadRequest::hasFinished() const {
+  return __atomic_load_n(&finished, __ATOMIC_ACQUIRE) == 1;
 }
 
 bool TCPSocketImpl::BackgroundReadRequest::isReaderThread() const {

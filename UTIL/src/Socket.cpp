@@ -190,11 +190,13 @@ void TCPSocketImpl::readAsync(ReadCallback* callback) {
 
 ReadAheadBuffer* TCPSocketImpl::unreadBytes() {
   boost::shared_ptr<BackgroundReadRequest> running = readRequest.lock();
-  if (running && running->isReaderThread()) return &running->ahead;
-  // A reader leaves runningReaders after it has stored its bytes in
-  // `unread`; one still running keeps its own.
-  if (runningReaders.load(std::memory_order_acquire) == 0) return &unread;
-  return nullptr;
+  if (!running) {
+    // A reader stores its bytes before it lets go of its request.
+    runningReaders.load(std::memory_order_acquire);
+    return &unread;
+  }
+  if (running->isReaderThread()) return &running->ahead;
+  return running->hasFinished() ? &unread : nullptr;
 }
 
 size_t TCPSocketImpl::readRecord(ReadAheadBuffer& ahead, size_t size,

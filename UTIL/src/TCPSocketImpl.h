@@ -40,6 +40,8 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
     void cancel();
     // True on the reader's own thread, i.e. inside its callback.
     bool isReaderThread() const;
+    // True once the reader has stored what it didn't deliver in `unread`.
+    bool hasFinished() const;
 
    private:
     void run(boost::shared_ptr<BackgroundReadRequest> self);
@@ -56,6 +58,8 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
     // What the reader received and hasn't delivered yet. Only the reader
     // touches it, or its own callback through TCPSocketImpl.
     ReadAheadBuffer ahead;
+    // Set, with a release store, once `ahead` has gone to `unread`.
+    int32_t finished = 0;
 
     friend class TCPSocketImpl;
   };
@@ -83,9 +87,9 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
   // it, and stays valid until `ahead` is next asked for space.
   size_t readRecord(ReadAheadBuffer& ahead, size_t size, std::unique_ptr<Byte[]>& large,
                     const Byte*& record);
-  // Where the caller finds bytes received ahead of it: `unread` when no
-  // reader runs, the reader's own buffer from inside its callback, null when
-  // a reader runs on another thread (it keeps them).
+  // Where the caller finds bytes received ahead of it: `unread` when the
+  // latest reader has finished, its own buffer from inside its callback,
+  // null while it runs on another thread (it keeps them).
   ReadAheadBuffer* unreadBytes();
 
   boost::asio::io_context context;  // never run: all I/O is synchronous
@@ -93,7 +97,7 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
   boost::weak_ptr<BackgroundReadRequest> readRequest;
   // Readers started and not yet finished. A reader leaves it after all it
   // did with the socket, its callback and `unread`, so reading it orders a
-  // close or the next reader after that.
+  // close after that.
   std::atomic<int> runningReaders{0};
   // Bytes received ahead by a reader that has ended and not used by it, for
   // whoever reads next. Written by a reader as it ends, before it leaves
