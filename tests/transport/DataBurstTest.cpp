@@ -43,6 +43,12 @@ size_t paddingOf(int32_t n) {
   return static_cast<size_t>(n) * 7919 % 200;
 }
 
+// Polls `done` for up to a minute (sanitizer builds on a busy machine).
+void waitUntil(const std::function<bool()>& done) {
+  for (int i = 0; i < 6000 && !done(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
 }  // namespace
 
 TEST(DataChannelBurst, HundredThousandFramesArriveWholeAndInOrder) {
@@ -69,13 +75,10 @@ TEST(DataChannelBurst, HundredThousandFramesArriveWholeAndInOrder) {
     sendAll(peer.get(), stream.data() + at, std::min(piece, stream.size() - at));
   peer.reset();  // the reader ends at the end of the stream
 
-  for (int i = 0; i < 3000; ++i) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      if (received.size() >= static_cast<size_t>(frames)) break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  waitUntil([&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return received.size() >= static_cast<size_t>(frames);
+  });
   channel.disconnect();
   std::lock_guard<std::mutex> lock(mutex);
   ASSERT_EQ(received.size(), static_cast<size_t>(frames));
@@ -124,8 +127,7 @@ TEST(DataChannelBurst, BytesReceivedAheadGoToTheNextReader) {
       std::unique_ptr<UTIL::IPC::Byte[]> bytes = client.read(size);
       second.text.assign(reinterpret_cast<const char*>(bytes.get()), size);
     }
-    for (int i = 0; i < 500 && second.seen().size() < 12; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    waitUntil([&] { return second.seen().size() >= 12; });
     client.close();
     EXPECT_EQ(first.seen(), "0000") << next;
     EXPECT_EQ(second.seen(), "111122223333") << next;
