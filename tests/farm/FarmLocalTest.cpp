@@ -138,3 +138,50 @@ TEST(FarmLocal, UsageErrors) {
     EXPECT_NE(result.err.find("usage: kindlet-farm"), std::string::npos);
   }
 }
+
+namespace {
+
+// Running, and not a zombie waiting for its parent.
+bool alive(long pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const size_t close = text.rfind(')');
+  return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+}
+
+long parentOf(long pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  long parent = 0;
+  const size_t close = text.rfind(')');
+  if (close != std::string::npos) sscanf(text.c_str() + close + 2, "%*c %ld", &parent);
+  return parent;
+}
+
+}  // namespace
+
+TEST(FarmLocal, StopRequestEndsEveryChunkAndItsKindlet) {
+  TempDir dir;
+  writeFrames(dir, 4);
+  const std::string attempt = Farm::chunkAttemptDir(dir.file("job"), 0, 1);
+  std::vector<long> tasks;
+  // SIGTERM to the driver (the task's parent) once the first kindlet renders.
+  auto stopOnce = [&] {
+    Farm::ChunkStatus status;
+    if (!tasks.empty() || kindlettest::readRecordFile(dir.file("record.txt")).empty() ||
+        !Farm::readChunkStatus(attempt, status))
+      return false;
+    tasks = {status.pid, status.controlPid};
+    kill(static_cast<pid_t>(parentOf(status.pid)), SIGTERM);
+    return false;
+  };
+  const auto result = kindlettest::run(
+      farmPath(), farmArguments(dir, {"--chunk-size", "1", "--parallel", "2"}, "1-4", "3000"), {},
+      std::chrono::seconds(60), stopOnce);
+  ASSERT_FALSE(tasks.empty());
+  EXPECT_EQ(result.exitStatus, 128 + SIGTERM);
+  for (const auto& line : kindlettest::readRecordFile(dir.file("record.txt"))) tasks.push_back(line.tid);
+  for (long pid : tasks) EXPECT_FALSE(alive(pid)) << pid;
+}

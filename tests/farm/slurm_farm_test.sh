@@ -73,6 +73,7 @@ MpiDefault=none
 ReturnToService=2
 SchedulerType=sched/builtin
 MinJobAge=300
+KillWait=5
 NodeName=$host NodeAddr=127.0.0.1 CPUs=4 RealMemory=1000 State=UNKNOWN
 PartitionName=farm Nodes=$host Default=YES MaxTime=INFINITE State=UP
 CONF
@@ -125,4 +126,21 @@ cat "$tmp/farm.err" "$tmp/farm.out"
 [ -d "$tmp/job/chunk-0000/attempt-2" ] && fail "chunk 0 ran twice though it succeeded"
 python3 "$here/count_renders.py" "$tmp/record.txt" 12 || fail "frames were not rendered exactly once"
 grep -q "12 of 12 frames rendered" "$tmp/farm.out" || fail "no summary line"
+
+# A stop request cancels the array and returns only when no task is left.
+"$root/bin/kindlet-farm" --mode slurm --chunk-size 3 --poll 0.5 --job-dir "$tmp/job2" -- \
+  -selvaneRoot "$root" -tempDir "$tmp" -renderer recording -renderMethodName diskRender \
+  -arbolite3OpTree "$tmp/scene/shot.*.optree.json" -t 1-12 \
+  -recordFile "$tmp/record2.txt" -startDelayMs 5000 >"$tmp/farm2.out" 2>&1 &
+farm=$!
+for _ in $(seq 300); do [ -s "$tmp/record2.txt" ] && break; sleep 0.1; done
+kill -INT "$farm"
+wait "$farm"
+status=$?
+farm=""
+[ "$status" = 130 ] || fail "interrupted kindlet-farm exited with $status: $(cat "$tmp/farm2.out")"
+[ -z "$(squeue -h)" ] || fail "tasks are left after the stop: $(squeue)"
+for pid in $(cut -d' ' -f2 "$tmp/record2.txt" | sort -u); do
+  if [ -e "/proc/$pid" ] && ! grep -q '^[0-9]* ([^)]*) Z' "/proc/$pid/stat"; then fail "kindlet $pid outlived the stop"; fi
+done
 echo "PASSED"

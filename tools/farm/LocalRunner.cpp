@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <deque>
@@ -40,24 +41,27 @@ std::string endNote(const Subprocess& task) {
   return "";
 }
 
-// SIGTERM to every task's group, SIGKILL to those still there after a grace period.
+// SIGTERM to every task's group, SIGKILL after a grace period. Returns when
+// the groups are empty: kindlet may hold the signal back while it boots, and
+// would otherwise outlive the driver.
 void stopAll(std::vector<Running>& running) {
-  for (Running& entry : running) entry.task.sendSignal(SIGTERM, Subprocess::TargetProcessGroup);
-  for (int tick = 0; tick < 100; ++tick) {
+  std::vector<pid_t> groups;
+  for (Running& entry : running) {
+    if (entry.task.pid() > 0) groups.push_back(entry.task.pid());  // each task leads its group
+    entry.task.sendSignal(SIGTERM, Subprocess::TargetProcessGroup);
+  }
+  for (int tick = 0;; ++tick) {
     bool left = false;
     for (Running& entry : running) {
       entry.task.pollExit();
       left = left || entry.task.status() == Subprocess::StatusRunning;
     }
+    for (pid_t group : groups) left = left || killpg(group, 0) == 0;
     if (!left) return;
-    std::vector<int> fds;
-    for (Running& entry : running)
-      if (entry.task.waitFd() >= 0) fds.push_back(entry.task.waitFd());
-    Arbolite3::Base::waitForReadable(fds.data(), static_cast<int>(fds.size()), 100, nullptr);
-  }
-  for (Running& entry : running) {
-    entry.task.sendSignal(SIGKILL, Subprocess::TargetProcessGroup);
-    entry.task.waitExit();
+    if (tick == 100) {
+      for (pid_t group : groups) killpg(group, SIGKILL);
+    }
+    usleep(100 * 1000);
   }
 }
 

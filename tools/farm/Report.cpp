@@ -81,7 +81,9 @@ void printFrameTable(std::ostream& out, const JobState& state) {
     snprintf(line, sizeof line, "%8d  %-8s  %-20s  %8s  %4s  %8d  %s\n", frame.frame, stateName(frame.state),
              frame.host.empty() ? "-" : frame.host.c_str(), seconds, exit.c_str(), frame.attempts,
              note.c_str());
-    out << line;
+    std::string text(line);
+    text.erase(text.find_last_not_of(" \n") + 1);
+    out << text << "\n";
   }
 }
 
