@@ -27,7 +27,7 @@ CommandResult runCommand(const std::vector<std::string>& arguments) {
 
   Subprocess::Options options;
   options.arguments = arguments;
-  sigemptyset(&options.signalMask);
+  options.closeOtherFds = true;
   options.stdinFd = input.get();
   options.stdoutFd = outWrite.get();
   options.stderrFd = errWrite.get();

@@ -28,7 +28,7 @@ Subprocess startTask(const std::string& farmProgram, const std::string& jobDir, 
                      int input) {
   Subprocess::Options options;
   options.arguments = {farmProgram, "task", jobDir, std::to_string(chunk), std::to_string(attempt)};
-  sigemptyset(&options.signalMask);
+  options.closeOtherFds = true;
   // Its own group, so that a stop reaches kindlet-control and kindlet too.
   options.newProcessGroup = true;
   options.stdinFd = input;

@@ -1,10 +1,12 @@
 #include "Report.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include <boost/filesystem/operations.hpp>
 
 #include "JsonFile.h"
+#include "XoRenderServices/AnalyticsReport.h"
 
 namespace Farm {
 
@@ -13,21 +15,17 @@ namespace fs = boost::filesystem;
 namespace {
 
 void addReport(const std::string& path, JobCost& cost) {
-  rapidjson::Document document;
-  if (!readJsonFile(path, document)) return;
-  auto records = document.FindMember("records");
-  if (records == document.MemberEnd() || !records->value.IsArray()) return;
-  for (const auto& record : records->value.GetArray()) {
-    if (jsonString(record, "name") != "selvane.process.cost") continue;
-    auto value = record.FindMember("value");
-    if (value == record.MemberEnd() || !value->value.IsObject()) continue;
-    ++cost.reports;
-    cost.wallSeconds += jsonNumber(value->value, "wallSeconds");
-    cost.cpuSeconds += jsonNumber(value->value, "cpuSeconds");
-    cost.peakResidentBytes = std::max(cost.peakResidentBytes, jsonNumber(value->value, "peakResidentBytes"));
-    cost.bytesRead += jsonNumber(value->value, "bytesRead");
-    cost.bytesWritten += jsonNumber(value->value, "bytesWritten");
-  }
+  std::string json;
+  if (!Arbolite3::XoRenderServices::v1::readAnalyticsRecord(path, "selvane.process.cost", json)) return;
+  rapidjson::Document value;
+  value.Parse(json.c_str());
+  if (value.HasParseError() || !value.IsObject()) return;
+  ++cost.reports;
+  cost.wallSeconds += jsonNumber(value, "wallSeconds");
+  cost.cpuSeconds += jsonNumber(value, "cpuSeconds");
+  cost.peakResidentBytes = std::max(cost.peakResidentBytes, jsonNumber(value, "peakResidentBytes"));
+  cost.bytesRead += jsonNumber(value, "bytesRead");
+  cost.bytesWritten += jsonNumber(value, "bytesWritten");
 }
 
 // Directory entries whose names start with `prefix`; none when unreadable.

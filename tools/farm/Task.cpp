@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <sstream>
 
 #include "ChunkStatus.h"
@@ -17,10 +16,9 @@
 #include "base/DescriptorPairs.h"
 #include "base/FileDescriptor.h"
 #include "base/FrameList.h"
+#include "base/ProcessMetrics.h"
 #include "base/RetryingIO.h"
 #include "base/Subprocess.h"
-
-extern char** environ;
 
 namespace Farm {
 
@@ -35,16 +33,6 @@ bool parseProgressLine(const std::string& line, int& index, int& count) {
 }
 
 namespace {
-
-std::map<std::string, std::string> currentEnvironment() {
-  std::map<std::string, std::string> environment;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const char* equals = strchr(*entry, '=');
-    if (equals == nullptr) continue;
-    environment[std::string(*entry, static_cast<size_t>(equals - *entry))] = equals + 1;
-  }
-  return environment;
-}
 
 std::string hostName() {
   char name[256] = {0};
@@ -151,9 +139,11 @@ int runTask(const std::string& jobDir, int chunk, int attempt) {
   options.arguments.insert(options.arguments.end(), job.kindletOptions.begin(), job.kindletOptions.end());
   options.arguments.insert(options.arguments.end(),
                            {"-t", frameText, "-threads", std::to_string(job.threads)});
-  options.environment = currentEnvironment();
+  // Our own end of the driver's watch pipe stays here: the driver then learns
+  // of this task's end even if something below it lingers.
+  options.closeOtherFds = true;
+  options.environment = Arbolite3::Base::getEnvironment();
   options.environment["SELVANE_ANALYTICS_DIR"] = dir + "/analytics";
-  sigemptyset(&options.signalMask);
 
   FileDescriptor readEnd, writeEnd;
   Arbolite3::Base::createPipe(readEnd, writeEnd);
