@@ -96,6 +96,7 @@ TEST(FarmLocal, EveryFrameOnceAFailingChunkRetriedAndReported) {
   EXPECT_EQ(row(result.out, 5).at(5), "3");    // attempts
   EXPECT_EQ(row(result.out, 1).at(4), "0");
   EXPECT_NE(result.out.find("7 of 10 frames rendered, 2 failed, 1 missing"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("Cost from 7 analytics reports"), std::string::npos);  // one per kindlet run
 }
 
 TEST(FarmLocal, KilledKindletIsRetriedForTheFramesItHadNotRendered) {
