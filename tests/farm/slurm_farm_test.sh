@@ -74,6 +74,8 @@ ReturnToService=2
 SchedulerType=sched/builtin
 MinJobAge=300
 KillWait=5
+# Clients give up on an absent controller after about a second, not nine.
+MessageTimeout=3
 NodeName=$host NodeAddr=127.0.0.1 CPUs=4 RealMemory=1000 State=UNKNOWN
 PartitionName=farm Nodes=$host Default=YES MaxTime=INFINITE State=UP
 CONF
@@ -116,10 +118,22 @@ for _ in $(seq 600); do
   kill -0 "$farm" 2>/dev/null || break
   sleep 0.1
 done
+# The controller goes away while the driver needs it: its scheduler commands
+# fail and are tried again until the controller is back.
+kill -TERM "${daemons[1]}"
+wait "${daemons[1]}"
+for _ in $(seq 300); do
+  grep -q "failed (.*), trying again" "$tmp/farm.err" && break
+  kill -0 "$farm" 2>/dev/null || break
+  sleep 0.1
+done
+slurmctld -D -i -f "$SLURM_CONF" >>"$tmp/slurmctld.out" 2>&1 &
+daemons[1]=$!
 wait "$farm"
 status=$?
 farm=""
 cat "$tmp/farm.err" "$tmp/farm.out"
+grep -q "failed (.*), trying again" "$tmp/farm.err" || fail "no retry while the controller was away"
 [ -n "$killed" ] || fail "never saw chunk 1's kindlet to kill it"
 [ "$status" = 0 ] || fail "kindlet-farm exited with $status"
 [ -d "$tmp/job/chunk-0001/attempt-2" ] || fail "chunk 1 was not resubmitted"

@@ -14,6 +14,8 @@ namespace Farm {
 
 namespace {
 
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
 std::string shellQuoted(const std::string& text) {
   std::string quoted = "'";
   for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -50,8 +52,15 @@ class Scheduler {
   explicit Scheduler(SignalWatch& signals) : signals_(signals) {}
 
   CommandResult run(const std::vector<std::string>& arguments) {
+    CommandResult last;
     return runWithRetries(arguments, RetryPolicy(),
-                          [this](std::chrono::milliseconds delay) { return signals_.sleep(delay); });
+                          [&](std::chrono::milliseconds delay) {
+                            std::cerr << "kindlet-farm: " << arguments[0] << " failed ("
+                                      << firstLine(last.err) << "), trying again in " << delay.count()
+                                      << " ms\n";
+                            return signals_.sleep(delay);
+                          },
+                          [&](const std::vector<std::string>& command) { return last = runCommand(command); });
   }
 
   // Tasks of the job still queued or running, as "state" words; false when
