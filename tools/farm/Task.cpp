@@ -103,16 +103,29 @@ class OutputFollower {
   std::string pending_;
 };
 
+// kindlet-control render with the job's options, this attempt's frames and
+// analytics folder; `output` takes both its streams.
+Subprocess startKindletControl(const Job& job, const std::string& dir, const std::string& frames, int input,
+                               int output) {
+  Subprocess::Options options;
+  options.arguments = {job.root + "/bin/kindlet-control", "render", "--"};
+  options.arguments.insert(options.arguments.end(), job.kindletOptions.begin(), job.kindletOptions.end());
+  options.arguments.insert(options.arguments.end(), {"-t", frames, "-threads", std::to_string(job.threads)});
+  // Our own end of the driver's watch pipe stays here: the driver then learns
+  // of this task's end even if something below it lingers.
+  options.closeOtherFds = true;
+  options.environment = Arbolite3::Base::getEnvironment();
+  options.environment["SELVANE_ANALYTICS_DIR"] = dir + "/analytics";
+  options.stdinFd = input;
+  options.stdoutFd = output;
+  options.stderrFd = output;
+  return Subprocess::start(options);
+}
+
 }  // namespace
 
 int runTask(const std::string& jobDir, int chunk, int attempt) {
-  Job job;
-  try {
-    job = readJob(jobDir);
-  } catch (const std::exception& error) {
-    std::cerr << "kindlet-farm task: " << error.what() << "\n";
-    return 2;
-  }
+  const Job job = readJob(jobDir);
   const std::string dir = chunkAttemptDir(jobDir, chunk, attempt);
   const std::string frameText = readFirstLine(dir + "/frames");
   const std::vector<int> frames = Arbolite3::Base::parseFrameList(frameText);
@@ -134,23 +147,9 @@ int runTask(const std::string& jobDir, int chunk, int attempt) {
     return 2;
   }
 
-  Subprocess::Options options;
-  options.arguments = {job.root + "/bin/kindlet-control", "render", "--"};
-  options.arguments.insert(options.arguments.end(), job.kindletOptions.begin(), job.kindletOptions.end());
-  options.arguments.insert(options.arguments.end(),
-                           {"-t", frameText, "-threads", std::to_string(job.threads)});
-  // Our own end of the driver's watch pipe stays here: the driver then learns
-  // of this task's end even if something below it lingers.
-  options.closeOtherFds = true;
-  options.environment = Arbolite3::Base::getEnvironment();
-  options.environment["SELVANE_ANALYTICS_DIR"] = dir + "/analytics";
-
   FileDescriptor readEnd, writeEnd;
   Arbolite3::Base::createPipe(readEnd, writeEnd);
-  options.stdinFd = input.get();
-  options.stdoutFd = writeEnd.get();
-  options.stderrFd = writeEnd.get();
-  Subprocess control = Subprocess::start(options);
+  Subprocess control = startKindletControl(job, dir, frameText, input.get(), writeEnd.get());
   writeEnd.reset();
   status.controlPid = control.pid();
   writeChunkStatus(dir, status);
@@ -164,7 +163,7 @@ int runTask(const std::string& jobDir, int chunk, int attempt) {
 
   status.exitStatus = exitStatusOf(control);
   if (control.status() == Subprocess::StatusFailedToStart) {
-    const std::string text = "kindlet-farm task: could not start " + options.arguments[0] + "\n";
+    const std::string text = "kindlet-farm task: could not start " + job.root + "/bin/kindlet-control\n";
     Arbolite3::Base::writeRetrying(log.get(), text.data(), text.size(), nullptr);
   }
   follower.finish(status.exitStatus == 0);

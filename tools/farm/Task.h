@@ -8,7 +8,8 @@
 namespace Farm {
 
 // Exit status 0 when kindlet rendered every frame, 1 when it did not, 2 when
-// the job directory is unusable.
+// the attempt's frame list or log is unusable. Throws std::runtime_error when
+// the job or status file can't be read or written.
 int runTask(const std::string& jobDir, int chunk, int attempt);
 
 // The frame index (1-based) and count of one of kindlet's progress lines

@@ -35,7 +35,13 @@ int usageError(const std::string& reason) {
 
 int taskMain(int argc, char** argv) {
   if (argc != 5) return usageError("task needs JOBDIR CHUNK ATTEMPT");
-  return runTask(argv[2], atoi(argv[3]), atoi(argv[4]));
+  try {
+    return runTask(argv[2], atoi(argv[3]), atoi(argv[4]));
+  } catch (const std::exception& error) {
+    // The driver then takes the outcome from the scheduler or the exit status.
+    std::cerr << "kindlet-farm task: " << error.what() << "\n";
+    return 2;
+  }
 }
 
 std::string defaultJobDir() {
