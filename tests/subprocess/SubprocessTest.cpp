@@ -49,16 +49,18 @@ std::string readAll(FileDescriptor& fd) {
   return text;
 }
 
-// Runs `arguments` with its standard output (and error) captured.
-std::string outputOf(Subprocess::Options options, bool alsoStderr = false) {
+// Runs a child with its standard output or error captured, to its end.
+std::string outputOf(const Subprocess::Options& launchOptions, Subprocess* started = nullptr,
+                     bool fromStderr = false) {
+  Subprocess::Options options = launchOptions;
   FileDescriptor readEnd, writeEnd;
   Arbolite3::Base::createPipe(readEnd, writeEnd);
-  options.stdoutFd = writeEnd.get();
-  if (alsoStderr) options.stderrFd = writeEnd.get();
+  (fromStderr ? options.stderrFd : options.stdoutFd) = writeEnd.get();
   Subprocess child = Subprocess::start(options);
   writeEnd.reset();
   const std::string text = readAll(readEnd);
   child.waitExit();
+  if (started != nullptr) *started = child;
   return text;
 }
 
@@ -98,30 +100,22 @@ TEST(Subprocess, HowAChildEndedFollowsTheStatusTable) {
   }
 }
 
-TEST(Subprocess, AProgramThatDoesNotExistFailsToStartAndSaysSo) {
-  Subprocess::Options options = launch({"/nonexistent/program"});
-  FileDescriptor readEnd, writeEnd;
-  Arbolite3::Base::createPipe(readEnd, writeEnd);
-  options.stderrFd = writeEnd.get();
-  Subprocess child = Subprocess::start(options);
-  writeEnd.reset();
-  EXPECT_EQ(readAll(readEnd), "XoArboliteBase::Subprocess - execvp() failed\n");
-  EXPECT_EQ(child.status(), Subprocess::StatusFailedToStart);
-  EXPECT_EQ(child.pid(), -1);
-  EXPECT_EQ(child.exitCode(), -1);
-  EXPECT_EQ(child.waitFd(), -1);
-  EXPECT_FALSE(child.pollExit());
-
-  // A failure after the fork but before exec is reported the same way.
-  options.arguments = {"true"};
-  options.workingDirectory = "/nonexistent/directory";
-  Subprocess::Options chdirFails = options;
-  Arbolite3::Base::createPipe(readEnd, writeEnd);
-  chdirFails.stderrFd = writeEnd.get();
-  Subprocess second = Subprocess::start(chdirFails);
-  writeEnd.reset();
-  EXPECT_EQ(readAll(readEnd), "XoArboliteBase::Subprocess - chdir() failed\n");
-  EXPECT_EQ(second.status(), Subprocess::StatusFailedToStart);
+TEST(Subprocess, AChildThatCannotReachExecFailsToStartAndSaysSo) {
+  const std::pair<Subprocess::Options, const char*> cases[] = {
+      {launch({"/nonexistent/program"}), "execvp() failed\n"},
+      {launch({"true"}), "chdir() failed\n"},
+  };
+  for (auto entry : cases) {
+    if (entry.first.arguments[0] == "true") entry.first.workingDirectory = "/nonexistent";
+    Subprocess child;
+    EXPECT_EQ(outputOf(entry.first, &child, true),
+              std::string("XoArboliteBase::Subprocess - ") + entry.second);
+    EXPECT_EQ(child.status(), Subprocess::StatusFailedToStart);
+    EXPECT_EQ(child.pid(), -1);
+    EXPECT_EQ(child.exitCode(), -1);
+    EXPECT_EQ(child.waitFd(), -1);
+    EXPECT_FALSE(child.pollExit());
+  }
 }
 
 TEST(Subprocess, LaunchOptionsReachTheChild) {

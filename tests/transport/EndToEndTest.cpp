@@ -81,7 +81,7 @@ class LiveRenderEndToEnd : public testing::Test {
     environment.push_back("LSAN_OPTIONS=suppressions=" KINDLET_SOURCE_DIR
                           "/tests/transport/lsan.supp");
 
-    std::vector<std::string> arguments = {root + "/bin/kindlet-control", "--start"};
+    std::vector<std::string> arguments = {root + "/bin/kindlet-control", "--legacy-tcp", "--start"};
     arguments.insert(arguments.end(), controlOptions.begin(), controlOptions.end());
     arguments.insert(arguments.end(),
                      {"--", "-selvaneRoot", root, "-tempDir", scratch, "-arbolite3OpTree",
