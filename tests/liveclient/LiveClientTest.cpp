@@ -1,5 +1,6 @@
 // LiveRenderClient in-process against a bare routing socket standing in for
 // the controller: order, the per-render fold, bad bytes and an outage.
+#include <unistd.h>
 #include <gtest/gtest.h>
 #include <zmq.h>
 
@@ -20,7 +21,8 @@ using namespace Arbolite3::internal::XoAttribute;
 
 namespace {
 
-const std::string logPath = ::testing::TempDir() + "live_client_test.log";
+// ctest runs each case as its own process, in parallel: one log per process.
+const std::string logPath = ::testing::TempDir() + "live_client_test." + std::to_string(getpid()) + ".log";
 
 // The controller's side: one routing socket and the last client's identity.
 class Controller {
