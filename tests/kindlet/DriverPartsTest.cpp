@@ -45,18 +45,6 @@ TEST(ParseArguments, ProgramNameIsAnOrdinaryToken) {
   EXPECT_EQ(parse({"-prog", "v", "w"}), (OptionMap{{"prog", "v"}}));
 }
 
-TEST(RequireOptions, PrintsEveryMissingNameInListOrder) {
-  const OptionMap options{{"b", "1"}, {"c", ""}};
-  testing::internal::CaptureStdout();
-  int result = requireOptions(options, {"d", "b", "c", "a"});
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Missing d\nMissing c\nMissing a\n");
-  EXPECT_EQ(result, -1);
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(requireOptions(options, {"b"}), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
 TEST(GetOption, AbsentLeavesOutputAndPresentEmptyAssigns) {
   const OptionMap options{{"empty", ""}, {"name", "value"}};
   std::string out = "old";
