@@ -17,6 +17,7 @@
 #include <tbb/global_control.h>
 #include <tbb/info.h>
 
+#include "KINDLET/src/Analytics.h"
 #include "KINDLET/src/Arguments.h"
 #include "KINDLET/src/KindletLog.h"
 #include "KINDLET/src/LiveSession.h"
@@ -98,8 +99,7 @@ int kindletMain(int argc, char** argv) {
       tbb::global_control::max_allowed_parallelism,
       static_cast<size_t>(static_cast<ptrdiff_t>(workerCount))));
 
-  // Analytics reporting (opened here when SELVANE_ANALYTICS_DIR is set, and
-  // closed from the shutdown registry) is not part of this build yet.
+  openAnalytics();
 
   std::string opTreePattern = options["arbolite3OpTree"];
   std::string frameList = options["t"];

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <boost/chrono/duration.hpp>
 #include <boost/thread/once.hpp>
@@ -52,6 +53,22 @@ bool parseControllingProcessValue(const char* value, int* pid, long* creationTim
 void watchControllingProcess(int pid,
                              boost::chrono::duration<long, boost::micro> creationTime,
                              const char* name, const char* value);
+
+// Appends the items of a ":"-separated list to `out`, keeping what `out`
+// holds. "" gives no item, "a::b" an empty one between, "a:" no empty last.
+void splitPathList(const std::string& list, std::vector<std::string>& out);
+
+// Appends the root's Usd module and resource folders to SELVANE_POST_PYTHONPATH
+// and XOPXR_PLUGINPATH in the configuration store.
+void bootstrapPostPaths();
+
+// Starts the embedded interpreter with <root>/bin/python<X.Y> as its home and
+// the root's module folders on sys.path, and publishes the home, the final
+// path and the site-packages folder in the configuration store (the path in
+// the environment too). Leaves the calling thread holding the interpreter's
+// lock. For a parent of the render process: the render process expects these
+// keys to be handed down and does not run this step itself.
+void bootstrapInterpreter(const std::string& root);
 
 // Install root of a process that is not told its root: the parent of the
 // directory of /proc/self/exe (<root>/bin/<name>). Empty if the link cannot be

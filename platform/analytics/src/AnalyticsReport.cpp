@@ -1,0 +1,74 @@
+#include "XoRenderServices/AnalyticsReport.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "XoRenderServices/AnalyticsManager.h"
+
+namespace Arbolite3 {
+namespace XoRenderServices {
+namespace v1 {
+
+namespace {
+
+std::string reportPrefix(const std::string& host, int pid) {
+  return "kindlet-" + host + "-" + std::to_string(pid) + "-";
+}
+
+bool endsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+}  // namespace
+
+std::string analyticsReportName(const std::string& host, int pid, long long start) {
+  return reportPrefix(host, pid) + std::to_string(start) + ".json";
+}
+
+std::string findAnalyticsReport(const std::string& directory, int pid) {
+  char host[256] = {};
+  if (::gethostname(host, sizeof host - 1) != 0) std::snprintf(host, sizeof host, "localhost");
+  const std::string prefix = reportPrefix(host, pid);
+  DIR* folder = ::opendir(directory.c_str());
+  if (folder == nullptr) return std::string();
+  std::string found;
+  while (const dirent* entry = ::readdir(folder)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) == 0 && endsWith(name, ".json"))
+      found = directory + "/" + name;
+  }
+  ::closedir(folder);
+  return found;
+}
+
+bool readAnalyticsRecord(const std::string& path, const std::string& name, std::string& json) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  rapidjson::Document report;
+  if (!file || report.Parse(text.str().c_str()).HasParseError() || !report.IsObject() ||
+      !report.HasMember("records") || !report["records"].IsArray())
+    return false;
+  for (const rapidjson::Value& record : report["records"].GetArray()) {
+    if (!record.IsObject() || !record.HasMember("name") || !record["name"].IsString() ||
+        name != record["name"].GetString() || !record.HasMember("value"))
+      continue;
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    record["value"].Accept(writer);
+    json = buffer.GetString();
+    return true;
+  }
+  return false;
+}
+
+}  // namespace v1
+}  // namespace XoRenderServices
+}  // namespace Arbolite3

@@ -1,0 +1,149 @@
+#include "Launcher.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <iostream>
+
+#include "UTIL/src/SelvaneBootstrap.h"
+#include "XoConfiguration/Configuration.h"
+#include "XoRenderServices/AnalyticsReport.h"
+#include "base/ProcessCreationTime.h"
+#include "base/ProcessMetrics.h"
+#include "base/WaitForReadable.h"
+
+using Arbolite3::Base::Subprocess;
+
+namespace KindletControl {
+
+namespace {
+
+// Runs the two interpreter-path steps against `root` and returns what they
+// published: the render process expects to inherit these keys.
+std::map<std::string, std::string> interpreterKeys(const std::string& root) {
+  bootstrapPostPaths();
+  bootstrapInterpreter(root);
+  std::map<std::string, std::string> keys;
+  for (const char* key : {"SELVANE_INTERNAL_PYTHONHOME", "SELVANE_INTERNAL_PYTHONPATH",
+                          "SELVANE_INTERNAL_PYTHON_SITEPACKAGES", "SELVANE_POST_PYTHONPATH",
+                          "XOPXR_PLUGINPATH"})
+    keys[key] = Arbolite3::XoConfiguration::v1::Config().get(key);
+  return keys;
+}
+
+}  // namespace
+
+Launcher::Launcher(std::string kindlet) : kindlet_(std::move(kindlet)) {
+  if (kindlet_.empty()) kindlet_ = installRoot() + "/bin/kindlet";
+}
+
+std::string Launcher::installRoot() { return getInstallRoot(); }
+
+std::map<std::string, std::string> Launcher::childEnvironment() {
+  std::map<std::string, std::string> environment = Arbolite3::Base::getEnvironment();
+  for (const auto& key : interpreterKeys(installRoot())) environment[key.first] = key.second;
+
+  // Asset plug-ins shipped with the root, unless the caller chose others.
+  environment.emplace("SELVANE_DEFAULT_ASSET_PLUGIN", "FileAsset");
+  environment.emplace("SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", "FileSequence");
+
+  // kindlet ends itself when this program goes away.
+  const int self = ::getpid();
+  const int64_t created = Arbolite3::Base::getProcessCreationTime(self, nullptr);
+  if (created >= 0)
+    environment["__SELVANE_CONTROLLING_PROCESS"] =
+        std::to_string(self) + ";" + std::to_string(created);
+  return environment;
+}
+
+bool Launcher::start(const std::vector<std::string>& options,
+                     const std::map<std::string, std::string>& extraEnvironment) {
+  Subprocess::Options launch;
+  launch.arguments.push_back(kindlet_);
+  launch.arguments.insert(launch.arguments.end(), options.begin(), options.end());
+  launch.environment = childEnvironment();
+  for (const auto& entry : extraEnvironment) launch.environment[entry.first] = entry.second;
+  try {
+    child_ = Subprocess::start(launch);
+  } catch (const std::exception& error) {
+    std::cerr << "kindlet-control: cannot start " << kindlet_ << ": " << error.what()
+              << std::endl;
+    failedToStart_ = true;
+    return false;
+  }
+  started_ = true;
+  if (child_.status() == Subprocess::StatusFailedToStart) {
+    failedToStart_ = true;
+    return false;
+  }
+  pid_ = child_.pid();
+  return true;
+}
+
+int Launcher::waitFd() const { return started_ ? child_.waitFd() : -1; }
+
+bool Launcher::ended() {
+  if (!started_) return false;
+  if (child_.status() != Subprocess::StatusRunning) return true;
+  return child_.pollExit();
+}
+
+bool Launcher::waitFor(double seconds) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!ended()) {
+    // Short slices: a grandchild that inherited the watch pipe would keep it
+    // open after kindlet's own end, so the PID is asked as well.
+    int slice = 200;
+    if (seconds > 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            deadline - std::chrono::steady_clock::now())
+                            .count();
+      if (left <= 0) return false;
+      if (left < slice) slice = static_cast<int>(left);
+    }
+    const int fd = child_.waitFd();
+    Arbolite3::Base::waitForReadable(&fd, 1, slice, nullptr);
+  }
+  return true;
+}
+
+void Launcher::kill() {
+  if (!started_ || ended()) return;
+  child_.sendSignal(SIGKILL, Subprocess::TargetProcess);
+  child_.waitExit();
+}
+
+void Launcher::reportAnalytics() {
+  namespace analytics = Arbolite3::XoRenderServices::v1;
+  const std::string directory =
+      Arbolite3::XoConfiguration::v1::Config().get("SELVANE_ANALYTICS_DIR");
+  if (directory.empty() || pid_ <= 0) return;
+  const std::string path = analytics::findAnalyticsReport(directory, pid_);
+  std::string cost;
+  if (path.empty() || !analytics::readAnalyticsRecord(path, "selvane.process.cost", cost)) return;
+  std::cerr << "kindlet-control: analytics report " << path << " " << cost << std::endl;
+}
+
+int Launcher::reportEnd() {
+  if (failedToStart_) {
+    std::cerr << "kindlet-control: kindlet "
+              << Subprocess::statusName(Subprocess::StatusFailedToStart) << ": " << kindlet_
+              << std::endl;
+    return kExitFailedToStart;
+  }
+  reportAnalytics();
+  const Subprocess::Status status = child_.status();
+  const int signal = child_.terminationSignal();
+  if (status == Subprocess::StatusSucceeded) return 0;
+  std::cerr << "kindlet-control: kindlet " << Subprocess::statusName(status);
+  if (signal > 0)
+    std::cerr << ": signal " << signal << " (" << strsignal(signal) << ")" << std::endl;
+  else
+    std::cerr << ": exit status " << child_.exitCode() << std::endl;
+  return signal > 0 ? 128 + signal : child_.exitCode();
+}
+
+}  // namespace KindletControl

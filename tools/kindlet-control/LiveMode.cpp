@@ -1,0 +1,273 @@
+#include "LiveMode.h"
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Launcher.h"
+#include "Listening.h"
+#include "Script.h"
+
+using Arbolite3::Base::FileDescriptor;
+
+namespace KindletControl {
+
+namespace {
+
+const char usage[] =
+    "usage: kindlet-control [options] [-- kindlet options...]\n"
+    "       kindlet-control render -- kindlet options...\n"
+    "  --control-port N     port of the control channel (default 0: a free one)\n"
+    "  --data-port N        port of the data channel (default 0: a free one)\n"
+    "  --script FILE        commands to run (default: standard input)\n"
+    "  --start              start the kindlet installed beside this program\n"
+    "  --kindlet PATH       start this kindlet\n"
+    "  --connect-timeout S  give up when kindlet hasn't connected after S seconds (60)\n"
+    "  --timeout S          kill kindlet when it hasn't ended S seconds after the\n"
+    "                       script asked to wait (default: wait for ever)\n"
+    "Options after -- go to kindlet, after the live-render options this program\n"
+    "adds (-host 127.0.0.1:0 -portControl N -portData M -renderMethodType liveRender).\n"
+    "Exit status: kindlet's (128 + signal when killed), or 0 without a child;\n"
+    "2 for a usage or script error, 3 when kindlet didn't connect, 125 when it\n"
+    "could not be started.\n";
+
+struct Options {
+  unsigned short controlPort = 0;
+  unsigned short dataPort = 0;
+  std::string script;
+  std::string kindlet;
+  bool start = false;
+  double connectTimeout = 60;
+  double timeout = 0;
+  std::vector<std::string> kindletOptions;
+};
+
+bool parseNumber(const char* text, double& value) {
+  char* rest = nullptr;
+  value = std::strtod(text, &rest);
+  return *text != '\0' && *rest == '\0' && value >= 0;
+}
+
+bool parseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string option = argv[i];
+    if (option == "--") {
+      options.kindletOptions.assign(argv + i + 1, argv + argc);
+      return true;
+    }
+    if (option == "--start") {
+      options.start = true;
+      continue;
+    }
+    if (option == "--help" || option == "-h") return false;
+    if (i + 1 >= argc) return false;
+    const char* value = argv[++i];
+    double number = 0;
+    if (option == "--script") {
+      options.script = value;
+    } else if (option == "--kindlet") {
+      options.kindlet = value;
+      options.start = true;
+    } else if ((option == "--control-port" || option == "--data-port") &&
+               parseNumber(value, number) && number <= 65535) {
+      (option == "--control-port" ? options.controlPort : options.dataPort) =
+          static_cast<unsigned short>(number);
+    } else if (option == "--connect-timeout" && parseNumber(value, number)) {
+      options.connectTimeout = number;
+    } else if (option == "--timeout" && parseNumber(value, number)) {
+      options.timeout = number;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool sendAll(FileDescriptor& fd, const std::string& bytes, const char* channel, int line) {
+  if (!fd) {
+    std::cerr << "kindlet-control: line " << line << ": the " << channel
+              << " channel is closed" << std::endl;
+    return false;
+  }
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const ssize_t n = ::send(fd.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      std::cerr << "kindlet-control: line " << line << ": " << channel
+                << " channel: " << std::strerror(errno) << std::endl;
+      return false;
+    }
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void resetConnection(FileDescriptor& fd) {
+  const linger abort = {1, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  fd.reset();
+}
+
+// Without a child: kindlet never writes on the channels, so the end of both
+// streams means its process has ended.
+void waitForDisconnect(FileDescriptor& control, FileDescriptor& data) {
+  for (FileDescriptor* fd : {&control, &data}) {
+    char buffer[4096];
+    while (*fd && ::recv(fd->get(), buffer, sizeof buffer, 0) > 0) {
+    }
+  }
+  std::cout << "kindlet disconnected" << std::endl;
+}
+
+// kindlet's end on standard output (once), then the status to exit with.
+class EndReport {
+ public:
+  explicit EndReport(Launcher& child) : child_(child) {}
+  int operator()() {
+    if (!printed_) {
+      printed_ = true;
+      status_ = child_.reportEnd();
+      if (child_.terminationSignal() > 0)
+        std::cout << "kindlet killed by signal " << child_.terminationSignal() << std::endl;
+      else
+        std::cout << "kindlet exited with status " << status_ << std::endl;
+    }
+    return status_;
+  }
+
+ private:
+  Launcher& child_;
+  bool printed_ = false;
+  int status_ = 0;
+};
+
+bool waitOrKill(Launcher& child, double timeout) {
+  if (child.waitFor(timeout)) return true;
+  std::cerr << "kindlet-control: kindlet still running after " << timeout << " s; killing it"
+            << std::endl;
+  child.kill();
+  return false;
+}
+
+}  // namespace
+
+int runLiveMode(int argc, char** argv) {
+  Options options;
+  if (!parseOptions(argc, argv, options)) {
+    std::cerr << usage;
+    return 2;
+  }
+  std::ifstream scriptFile;
+  if (!options.script.empty() && options.script != "-") {
+    scriptFile.open(options.script);
+    if (!scriptFile) {
+      std::cerr << "kindlet-control: cannot read " << options.script << std::endl;
+      return 2;
+    }
+  }
+  std::istream& script = scriptFile.is_open() ? scriptFile : std::cin;
+
+  FileDescriptor controlListener = listenOn(options.controlPort);
+  FileDescriptor dataListener = listenOn(options.dataPort);
+  if (!controlListener || !dataListener) return 2;
+  std::cout << "control port " << options.controlPort << "\n"
+            << "data port " << options.dataPort << std::endl;
+
+  Launcher child(options.kindlet);
+  EndReport report(child);
+  if (options.start) {
+    std::vector<std::string> arguments = {"-host",
+                                          "127.0.0.1:0",
+                                          "-portControl",
+                                          std::to_string(options.controlPort),
+                                          "-portData",
+                                          std::to_string(options.dataPort),
+                                          "-renderMethodType",
+                                          "liveRender"};
+    arguments.insert(arguments.end(), options.kindletOptions.begin(),
+                     options.kindletOptions.end());
+    if (!child.start(arguments, {{"SELVANE_DISABLE_PREVANE_PLUS", "1"}}))
+      return child.reportEnd();
+    std::cout << "kindlet pid " << child.pid() << std::endl;
+  }
+
+  FileDescriptor control, data;
+  if (!acceptBoth(controlListener, dataListener, control, data, child, options.connectTimeout)) {
+    if (child.started() && child.ended()) return report();
+    child.kill();
+    return 3;
+  }
+
+  std::string text;
+  int lineNumber = 0;
+  while (std::getline(script, text)) {
+    ++lineNumber;
+    Step step;
+    std::string error;
+    if (!parseLine(text, step, error)) {
+      std::cerr << "kindlet-control: line " << lineNumber << ": " << error << std::endl;
+      child.kill();
+      return 2;
+    }
+    switch (step.kind) {
+      case Step::None:
+        break;
+      case Step::SendData:
+        sendAll(data, step.bytes, "data", lineNumber);
+        break;
+      case Step::SendControl:
+        sendAll(control, step.bytes, "control", lineNumber);
+        break;
+      case Step::Sleep:
+        std::this_thread::sleep_for(std::chrono::milliseconds(step.milliseconds));
+        break;
+      case Step::CloseData:
+        data.reset();
+        break;
+      case Step::CloseControl:
+        control.reset();
+        break;
+      case Step::ResetData:
+        resetConnection(data);
+        break;
+      case Step::ResetControl:
+        resetConnection(control);
+        break;
+      case Step::Stop: {
+        std::string record;
+        controlRecord("stopLiveEditing", record, error);
+        // A stop that lands just before kindlet's render loop goes to sleep
+        // wakes nobody; sending it again costs nothing.
+        for (int attempt = 0; attempt < 10; ++attempt) {
+          if (!sendAll(control, record, "control", lineNumber)) break;
+          if (!child.started() || child.waitFor(2)) break;
+        }
+        break;
+      }
+      case Step::Wait:
+        if (!child.started()) {
+          waitForDisconnect(control, data);
+        } else {
+          waitOrKill(child, options.timeout);
+          report();
+        }
+        break;
+    }
+  }
+
+  if (!child.started()) return 0;
+  waitOrKill(child, options.timeout);
+  return report();
+}
+
+}  // namespace KindletControl
