@@ -45,17 +45,6 @@ TEST(ParseArguments, ProgramNameIsAnOrdinaryToken) {
   EXPECT_EQ(parse({"-prog", "v", "w"}), (OptionMap{{"prog", "v"}}));
 }
 
-TEST(GetOption, AbsentLeavesOutputAndPresentEmptyAssigns) {
-  const OptionMap options{{"empty", ""}, {"name", "value"}};
-  std::string out = "old";
-  EXPECT_EQ(getOption(options, "absent", out), 0);
-  EXPECT_EQ(out, "old");
-  EXPECT_EQ(getOption(options, "empty", out), 0);
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(getOption(options, "name", out), 5);
-  EXPECT_EQ(out, "value");
-}
-
 TEST(ParseFrameList, RangesSinglesAndDroppedTokens) {
   using V = std::vector<int>;
   EXPECT_EQ(parseFrameList("1-3"), (V{1, 2, 3}));
