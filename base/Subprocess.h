@@ -75,7 +75,9 @@ class Subprocess {
   // The PID while running, else -1.
   int pid() const;
   // Readable or hung up once the child (and all that inherited its
-  // descriptors) ended; -1 when reaped or never started.
+  // descriptors) ended; -1 when reaped or never started. The hang-up comes as
+  // the child closes its files on the way out, a moment before pollExit can
+  // reap it.
   int waitFd() const;
   Status status() const;
   // The waitpid status once reaped, else -1.

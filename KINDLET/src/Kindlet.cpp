@@ -140,8 +140,9 @@ int kindletMain(int argc, char** argv) {
   signalGuard.restore();
 
   int32_t exitCode = 0;
-  // The live-render client of the current file is held here, between the
-  // arguments and the protected region, once that client exists.
+  // Declared before the protected region: with a live session it outlives
+  // the Manager's own reference, and its callbacks drop the last ones.
+  std::unique_ptr<Morrigo::Selvane::LiveRendering::LiveRenderClient> liveClient;
   try {
     Rendering::XoRendererPlugin plugin = Rendering::XoRendererPluginManager::getRendererPlugin(
         renderer, iterator.getHandle(), arguments.getHandle());
@@ -150,7 +151,6 @@ int kindletMain(int argc, char** argv) {
     // Only a live session through the live-render client uses the info plug-in.
     auto rendererInfo =
         Rendering::XoRendererInfoPluginManager::getRendererInfoPluginByRegisteredName(renderer);
-    (void)rendererInfo;
 
     std::shared_ptr<Rendering::Manager> manager(
         new Rendering::Manager(handle, suite, network.host, network.portControl,
@@ -160,6 +160,8 @@ int kindletMain(int argc, char** argv) {
     std::string renderMethodType;
     auto method = options.find("renderMethodType");
     if (method != options.end()) renderMethodType = method->second;
+
+    LiveSessionInputs liveInputs{&manager, sequenceID, &rendererInfo, &network};
 
     exitCode = manager->setup();
     if (exitCode != 0) {
@@ -184,7 +186,7 @@ int kindletMain(int argc, char** argv) {
             suite->setSceneIterator(handle, iterator.getHandle());
         }
         if (Arbolite3::XoConfiguration::v1::Config().get("SELVANE_DISABLE_PREVANE_PLUS") != "1") {
-          startLiveSession(index, renderMethodType);
+          startLiveSession(index, renderMethodType, file, iterator, liveInputs, liveClient);
         }
         manager->render(renderMethodType);
         if (fileCount > 1 && kindletLog().infoEnabled()) {

@@ -7,19 +7,18 @@
 
 #include "KINDLET/src/KindletLog.h"
 #include "KINDLET/src/RerenderControl/RerenderIPC.h"
+#include "LiveRendering/PerRenderUpdate.h"
 #include "XoConfiguration/Configuration.h"
 
 namespace Rendering {
 
 using Arbolite3::internal::XoAttribute::Attribute;
 using Arbolite3::internal::XoAttribute::GroupAttribute;
-using Arbolite3::internal::XoAttribute::GroupBuilder;
 using Arbolite3::internal::XoAttribute::kTypeGroup;
 
 namespace {
 
 const char kSource[] = "KINDLET/src/RenderManager";
-const char kPerRenderKey[] = "__perRenderUpdateAttributes";
 
 std::string configValue(const char* key) {
   return Arbolite3::XoConfiguration::v1::Config().get(key);
@@ -191,24 +190,12 @@ void Manager::processLiveRenderData(const char* data, size_t length) {
     wake();
     return;
   }
-  GroupAttribute update(parsed);
-  GroupAttribute perRender(update.getChildByName(kPerRenderKey));
-  if (!perRender.isValid()) {
-    // Absent, or not a group: the update goes through whole.
-    CALL_SLOT(submitUpdate, update.getHandle());
-    wake();
-    return;
-  }
-
-  GroupBuilder builder;
-  // This render's own part first, then the common update over it.
-  GroupAttribute own(perRender.getChildByName(sequenceID));
-  if (own.isValid()) builder.update(own);
-  builder.update(update);
-  builder.del(kPerRenderKey);
+  // Absent or not a group, the reserved key leaves the update whole;
+  // otherwise this render's own part is folded in and the key removed.
   {
-    GroupAttribute merged = builder.build(GroupBuilder::BuildAndFlush);
-    CALL_SLOT(submitUpdate, merged.getHandle());
+    GroupAttribute forThisRender =
+        Morrigo::Selvane::LiveRendering::foldPerRenderUpdate(GroupAttribute(parsed), sequenceID);
+    CALL_SLOT(submitUpdate, forThisRender.getHandle());
   }
   wake();
 }

@@ -26,31 +26,44 @@ void warn(const char* head, const char* location, const boost::system::error_cod
             << "boost::system::error_code - " << error << std::endl;
 }
 
+// One receive of at most `size` bytes (not zero) that brings something. 0
+// with `error` clear means the peer has closed; 0 with it set is a failure,
+// worth a warning unless the connection was reset (an expected end).
+size_t receiveSome(boost::asio::ip::tcp::socket& socket, UTIL::IPC::Byte* buffer, size_t size,
+                   boost::system::error_code& error) {
+  for (;;) {
+    const size_t received =
+        socket.receive(boost::asio::buffer(buffer, std::min(size, maxChunk)), 0, error);
+    if (error == boost::system::errc::interrupted) continue;
+    if (error == boost::asio::error::eof) {
+      error.clear();
+      return 0;
+    }
+    if (error == boost::system::errc::resource_unavailable_try_again) continue;
+    if (error && error != boost::system::errc::connection_reset)
+      warn("WARNING: ",
+           "UTIL/src/Socket:143:size_t {anonymous}::blockingRead(boost::asio::ip::tcp::socket&, "
+           "UTIL::IPC::Byte*, size_t, boost::system::error_code*)():",
+           error);
+    return error ? 0 : received;
+  }
+}
+
 // Reads exactly `size` bytes unless the peer closes first (then the count so
 // far, error clear). Any failure gives 0, even after partial data: a caller
-// can't resume a record it only got half of. A reset is an expected end and
-// not worth a warning.
+// can't resume a record it only got half of.
 size_t blockingRead(boost::asio::ip::tcp::socket& socket, UTIL::IPC::Byte* buffer, size_t size,
                     boost::system::error_code* errorOut) {
   if (errorOut) errorOut->clear();
-  if (size == 0) return 0;
   size_t total = 0;
   boost::system::error_code error;
   while (total < size) {
-    const size_t chunk = std::min(size - total, maxChunk);
-    const size_t received = socket.receive(boost::asio::buffer(buffer + total, chunk), 0, error);
-    if (error == boost::system::errc::interrupted) continue;
-    if (error == boost::asio::error::eof) return total;
-    if (error == boost::system::errc::resource_unavailable_try_again) continue;
+    const size_t received = receiveSome(socket, buffer + total, size - total, error);
     if (error) {
-      if (error != boost::system::errc::connection_reset)
-        warn("WARNING: ",
-             "UTIL/src/Socket:143:size_t {anonymous}::blockingRead(boost::asio::ip::tcp::socket&, "
-             "UTIL::IPC::Byte*, size_t, boost::system::error_code*)():",
-             error);
       if (errorOut) *errorOut = error;
       return 0;
     }
+    if (received == 0) return total;
     total += received;
   }
   return size;
@@ -132,6 +145,8 @@ void TCPSocketImpl::closeSocket() {
     runningReaders.load(std::memory_order_acquire);
   }
   if (isOpen()) {
+    // Unread bytes belong to the connection, which ends here.
+    unread.clear();
     boost::system::error_code ignored;
     socket.close(ignored);
   }
@@ -148,12 +163,70 @@ bool TCPSocketImpl::write(const Byte* data, size_t size) {
 
 size_t TCPSocketImpl::read(Byte* buffer, size_t size) {
   boost::system::error_code error;
-  return blockingRead(socket, buffer, size, &error);
+  // A closed socket must fail as one, whatever was received before.
+  size_t taken = 0;
+  ReadAheadBuffer* received = isOpen() ? unreadBytes() : nullptr;
+  if (received) taken = received->take(buffer, size);
+  if (size > 0 && taken == size) return size;
+  const size_t rest = blockingRead(socket, buffer + taken, size - taken, &error);
+  return error ? 0 : taken + rest;
 }
 
 void TCPSocketImpl::readAsync(ReadCallback* callback) {
   if (boost::shared_ptr<BackgroundReadRequest> running = readRequest.lock()) running->cancel();
-  readRequest = BackgroundReadRequest::start(shared_from_this(), callback);
+  ReadAheadBuffer initial;
+  if (ReadAheadBuffer* received = unreadBytes()) {
+    if (received == &unread) {
+      initial = std::move(unread);
+    } else {
+      // Inside the reader's callback the record being delivered still lives
+      // in the reader's storage: copy what follows it, leave the storage be.
+      initial.append(received->data(), received->size());
+      received->clear();
+    }
+  }
+  readRequest = BackgroundReadRequest::start(shared_from_this(), callback, std::move(initial));
+}
+
+ReadAheadBuffer* TCPSocketImpl::unreadBytes() {
+  boost::shared_ptr<BackgroundReadRequest> running = readRequest.lock();
+  if (!running) {
+    // A reader stores its bytes before it lets go of its request.
+    runningReaders.load(std::memory_order_acquire);
+    return &unread;
+  }
+  if (running->isReaderThread()) return &running->ahead;
+  return running->hasFinished() ? &unread : nullptr;
+}
+
+size_t TCPSocketImpl::readRecord(ReadAheadBuffer& ahead, size_t size,
+                                 std::unique_ptr<Byte[]>& large, const Byte*& record) {
+  if (size == 0) return 0;
+  boost::system::error_code error;
+  if (ahead.size() < size && size > ReadAheadBuffer::largestRecord) {
+    // Big records go straight into their own buffer, without a staging copy
+    // beyond the bytes already received.
+    large.reset(new Byte[size]);
+    const size_t buffered = ahead.take(large.get(), size);
+    const size_t rest = blockingRead(socket, large.get() + buffered, size - buffered, &error);
+    record = large.get();
+    return error ? 0 : buffered + rest;
+  }
+  while (ahead.size() < size) {
+    size_t length = 0;
+    Byte* space = ahead.space(size, length);
+    const size_t received = receiveSome(socket, space, length, error);
+    if (error) {
+      ahead.clear();
+      return 0;
+    }
+    if (received == 0) break;  // the peer closed: a short record, or none
+    ahead.commit(received);
+  }
+  record = ahead.data();
+  const size_t count = std::min(size, ahead.size());
+  ahead.consume(count);
+  return count;
 }
 
 TCPSocket::TCPSocket(const std::string& host, unsigned short port)

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
@@ -12,6 +13,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include "UTIL/src/ReadAheadBuffer.h"
 #include "UTIL/src/Socket.h"
 #include "base/WakeEvent.h"
 
@@ -28,12 +30,18 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
     ~BackgroundReadRequest();
 
     // Starts the (detached) reader thread, which holds the returned request.
+    // `unread` are bytes of the stream that an earlier reader received and
+    // didn't use; they come before anything still in the socket.
     static boost::shared_ptr<BackgroundReadRequest> start(
-        boost::shared_ptr<TCPSocketImpl> socket, ReadCallback* callback);
+        boost::shared_ptr<TCPSocketImpl> socket, ReadCallback* callback, ReadAheadBuffer unread);
     // Ends the reader and waits for it, unless called from inside the reader
     // (then the reader ends when the callback returns) or while another
     // cancel is under way.
     void cancel();
+    // True on the reader's own thread, i.e. inside its callback.
+    bool isReaderThread() const;
+    // True once the reader has stored what it didn't deliver in `unread`.
+    bool hasFinished() const;
 
    private:
     void run(boost::shared_ptr<BackgroundReadRequest> self);
@@ -47,6 +55,13 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
     Arbolite3::Base::WakeEvent stopped;
     // Kernel id of the reader, -1 until it has started.
     int32_t threadId;
+    // What the reader received and hasn't delivered yet. Only the reader
+    // touches it, or its own callback through TCPSocketImpl.
+    ReadAheadBuffer ahead;
+    // Set, with a release store, once `ahead` has gone to `unread`.
+    int32_t finished = 0;
+
+    friend class TCPSocketImpl;
   };
 
   // Null when the host doesn't resolve or no endpoint accepts.
@@ -64,13 +79,30 @@ class TCPSocketImpl : public boost::enable_shared_from_this<TCPSocketImpl> {
  private:
   TCPSocketImpl();
 
+  // The next record of `size` bytes, from `ahead` and, for what it lacks,
+  // from the socket: one receive usually brings several small records. The
+  // count is that of a blocking read of `size` bytes: `size`, fewer when the
+  // peer closed in the middle, 0 at the end of the stream or on a failure.
+  // `record` points into `ahead`, or into `large` for a record too big for
+  // it, and stays valid until `ahead` is next asked for space.
+  size_t readRecord(ReadAheadBuffer& ahead, size_t size, std::unique_ptr<Byte[]>& large,
+                    const Byte*& record);
+  // Where the caller finds bytes received ahead of it: `unread` when the
+  // latest reader has finished, its own buffer from inside its callback,
+  // null while it runs on another thread (it keeps them).
+  ReadAheadBuffer* unreadBytes();
+
   boost::asio::io_context context;  // never run: all I/O is synchronous
   boost::asio::ip::tcp::socket socket;
   boost::weak_ptr<BackgroundReadRequest> readRequest;
-  // Readers started and not yet finished. A reader leaves it as its last
-  // act, so reading it orders a close after everything a reader that ended
-  // by itself did with the socket and its callback.
+  // Readers started and not yet finished. A reader leaves it after all it
+  // did with the socket, its callback and `unread`, so reading it orders a
+  // close after that.
   std::atomic<int> runningReaders{0};
+  // Bytes received ahead by a reader that has ended and not used by it, for
+  // whoever reads next. Written by a reader as it ends, before it leaves
+  // runningReaders; empty while a reader runs.
+  ReadAheadBuffer unread;
 };
 
 }  // namespace IPC

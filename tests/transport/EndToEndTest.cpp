@@ -27,8 +27,8 @@ TEST(LiveRenderEndToEnd, UpdatesAndCommandsFromStartToStop) {
       "stop\n");
   const kindlettest::RunResult result = kindlettest::run(
       testRoot() + "/bin/kindlet-control",
-      {"kindlet-control", "--script", script, "--start", "--", "-selvaneRoot", testRoot(),
-       "-tempDir", dir.path(), "-arbolite3OpTree",
+      {"kindlet-control", "--legacy-tcp", "--script", script, "--start", "--", "-selvaneRoot",
+       testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree",
        testRoot() + "/share/kindlet/examples/scene.optree.json", "-renderer", "recording",
        "-renderMethodName", "liveRender", "-recordFile", recordFile, "-sequenceID", "7"});
   const std::string output = result.out + result.err;

@@ -13,14 +13,7 @@ int runBatchMode(int argc, char** argv) {
     std::cerr << "usage: kindlet-control render -- kindlet options...\n";
     return 2;
   }
-  std::vector<std::string> options(argv + 2, argv + argc);
-  bool hasRoot = false;
-  for (const std::string& option : options) hasRoot = hasRoot || option == "-selvaneRoot";
-  if (!hasRoot) {
-    options.insert(options.begin(), Launcher::installRoot());
-    options.insert(options.begin(), "-selvaneRoot");
-  }
-
+  const std::vector<std::string> options(argv + 2, argv + argc);
   Launcher child;
   if (!child.start(options)) return child.reportEnd();
   child.waitFor(0);

@@ -1,9 +1,14 @@
 #include "Launcher.h"
 
+#include <patchlevel.h>
+#include <sys/stat.h>
+
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
@@ -60,8 +65,25 @@ std::map<std::string, std::string> Launcher::childEnvironment() {
 
 bool Launcher::start(const std::vector<std::string>& options,
                      const std::map<std::string, std::string>& extraEnvironment) {
+  // An interpreter without its standard library ends this process inside
+  // its start-up; a broken root gets a clear line instead.
+  char version[16];
+  std::snprintf(version, sizeof version, "%d.%d", PY_MAJOR_VERSION, PY_MINOR_VERSION);
+  const std::string library =
+      installRoot() + "/bin/python" + version + "/lib/python" + version + "/os.py";
+  struct stat found;
+  if (::stat(library.c_str(), &found) != 0) {
+    std::cerr << "kindlet-control: no interpreter home in " << installRoot() << " (" << library
+              << " is missing)" << std::endl;
+    failedToStart_ = true;
+    return false;
+  }
   Subprocess::Options launch;
   launch.arguments.push_back(kindlet_);
+  if (std::find(options.begin(), options.end(), "-selvaneRoot") == options.end()) {
+    launch.arguments.push_back("-selvaneRoot");
+    launch.arguments.push_back(installRoot());
+  }
   launch.arguments.insert(launch.arguments.end(), options.begin(), options.end());
   launch.environment = childEnvironment();
   for (const auto& entry : extraEnvironment) launch.environment[entry.first] = entry.second;
@@ -105,7 +127,10 @@ bool Launcher::waitFor(double seconds) {
       if (left < slice) slice = static_cast<int>(left);
     }
     const int fd = child_.waitFd();
-    Arbolite3::Base::waitForReadable(&fd, 1, slice, nullptr);
+    // After the hang-up the descriptor stays ready: pause until the end can
+    // be reaped instead of spinning.
+    if (Arbolite3::Base::waitForReadable(&fd, 1, slice, nullptr) == fd)
+      ::usleep(1000);
   }
   return true;
 }
@@ -144,6 +169,18 @@ int Launcher::reportEnd() {
   else
     std::cerr << ": exit status " << child_.exitCode() << std::endl;
   return signal > 0 ? 128 + signal : child_.exitCode();
+}
+
+int EndReport::operator()() {
+  if (!printed_) {
+    printed_ = true;
+    status_ = child_.reportEnd();
+    if (child_.terminationSignal() > 0)
+      std::cout << "kindlet killed by signal " << child_.terminationSignal() << std::endl;
+    else
+      std::cout << "kindlet exited with status " << status_ << std::endl;
+  }
+  return status_;
 }
 
 }  // namespace KindletControl

@@ -21,7 +21,8 @@ class Launcher {
   // `kindlet` empty: <root>/bin/kindlet.
   explicit Launcher(std::string kindlet = std::string());
 
-  // Starts kindlet with `options` (without the program). `extraEnvironment`
+  // Starts kindlet with `options` (without the program), preceded by
+  // -selvaneRoot <root> unless they name a root. `extraEnvironment`
   // goes over what this process hands down. False when it did not start,
   // with the reason on standard error.
   bool start(const std::vector<std::string>& options,
@@ -59,6 +60,19 @@ class Launcher {
   bool started_ = false;
   bool failedToStart_ = false;
   int pid_ = -1;
+};
+
+// kindlet's end on standard output (once): "kindlet exited with status N" or
+// "kindlet killed by signal N"; then the status to exit with.
+class EndReport {
+ public:
+  explicit EndReport(Launcher& child) : child_(child) {}
+  int operator()();
+
+ private:
+  Launcher& child_;
+  bool printed_ = false;
+  int status_ = 0;
 };
 
 }  // namespace KindletControl

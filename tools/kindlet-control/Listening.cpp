@@ -37,6 +37,7 @@ FileDescriptor listenOn(unsigned short& port) {
 bool acceptBoth(FileDescriptor& controlListener, FileDescriptor& dataListener,
                 FileDescriptor& control, FileDescriptor& data, Launcher& child, double seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  int waitFd = child.waitFd();
   while (!control || !data) {
     if (child.started() && child.ended()) {
       std::cerr << "kindlet-control: kindlet ended before it connected" << std::endl;
@@ -51,8 +52,10 @@ bool acceptBoth(FileDescriptor& controlListener, FileDescriptor& dataListener,
     // the deadline (and a kindlet whose descriptor a grandchild holds) in view.
     pollfd entries[3] = {{controlListener.get(), POLLIN, 0},
                          {dataListener.get(), POLLIN, 0},
-                         {child.waitFd(), POLLIN, 0}};
+                         {waitFd, POLLIN, 0}};
     if (::poll(entries, 3, 100) <= 0) continue;
+    // Once hung up it stays ready; the end is reaped a moment later.
+    if (entries[2].revents != 0) waitFd = -1;
     for (int i = 0; i < 2; ++i) {
       FileDescriptor& target = i == 0 ? control : data;
       if (!target && (entries[i].revents & POLLIN)) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "ClientLiveMode.h"
 #include "Launcher.h"
 #include "Listening.h"
 #include "Script.h"
@@ -26,19 +27,24 @@ namespace {
 const char usage[] =
     "usage: kindlet-control [options] [-- kindlet options...]\n"
     "       kindlet-control render -- kindlet options...\n"
+    "  --registry-port N    port of the service registry (default 0: a free one)\n"
+    "  --renders N          start N kindlets, with -sequenceID 1..N (default 1)\n"
+    "  --legacy-tcp         feed kindlet over the two TCP channels instead:\n"
     "  --control-port N     port of the control channel (default 0: a free one)\n"
     "  --data-port N        port of the data channel (default 0: a free one)\n"
     "  --script FILE        commands to run (default: standard input)\n"
     "  --start              start the kindlet installed beside this program\n"
     "  --kindlet PATH       start this kindlet\n"
-    "  --connect-timeout S  give up when kindlet hasn't connected after S seconds (60)\n"
+    "  --connect-timeout S  give up when kindlet hasn't registered or connected\n"
+    "                       after S seconds (60)\n"
     "  --timeout S          kill kindlet when it hasn't ended S seconds after the\n"
     "                       script asked to wait (default: wait for ever)\n"
     "Options after -- go to kindlet, after the live-render options this program\n"
-    "adds (-host 127.0.0.1:0 -portControl N -portData M -renderMethodType liveRender).\n"
-    "Exit status: kindlet's (128 + signal when killed), or 0 without a child;\n"
-    "2 for a usage or script error, 3 when kindlet didn't connect, 125 when it\n"
-    "could not be started.\n";
+    "adds (-host 127.0.0.1:0 -serviceRegistryPort P -renderMethodType liveRender;\n"
+    "with --legacy-tcp -portControl N -portData M instead of the registry port).\n"
+    "Exit status: kindlet's (128 + signal when killed; the first non-zero one of\n"
+    "several), or 0 without a child; 2 for a usage or script error, 3 when kindlet\n"
+    "didn't register or connect, 125 when it could not be started.\n";
 
 struct Options {
   unsigned short controlPort = 0;
@@ -49,6 +55,8 @@ struct Options {
   double connectTimeout = 60;
   double timeout = 0;
   std::vector<std::string> kindletOptions;
+  bool legacyTcp = false;
+  ClientLiveOptions client;  // the same settings, for the default transport
 };
 
 bool parseNumber(const char* text, double& value) {
@@ -62,10 +70,15 @@ bool parseOptions(int argc, char** argv, Options& options) {
     const std::string option = argv[i];
     if (option == "--") {
       options.kindletOptions.assign(argv + i + 1, argv + argc);
+      options.client.kindletOptions = options.kindletOptions;
       return true;
     }
     if (option == "--start") {
-      options.start = true;
+      options.start = options.client.start = true;
+      continue;
+    }
+    if (option == "--legacy-tcp") {
+      options.legacyTcp = true;
       continue;
     }
     if (option == "--help" || option == "-h") return false;
@@ -75,16 +88,21 @@ bool parseOptions(int argc, char** argv, Options& options) {
     if (option == "--script") {
       options.script = value;
     } else if (option == "--kindlet") {
-      options.kindlet = value;
-      options.start = true;
+      options.kindlet = options.client.kindlet = value;
+      options.start = options.client.start = true;
+    } else if (option == "--registry-port" && parseNumber(value, number) && number <= 65535) {
+      options.client.registryPort = static_cast<unsigned short>(number);
+    } else if (option == "--renders" && parseNumber(value, number) && number >= 1 &&
+               number <= 64) {
+      options.client.renders = static_cast<int>(number);
     } else if ((option == "--control-port" || option == "--data-port") &&
                parseNumber(value, number) && number <= 65535) {
       (option == "--control-port" ? options.controlPort : options.dataPort) =
           static_cast<unsigned short>(number);
     } else if (option == "--connect-timeout" && parseNumber(value, number)) {
-      options.connectTimeout = number;
+      options.connectTimeout = options.client.connectTimeout = number;
     } else if (option == "--timeout" && parseNumber(value, number)) {
-      options.timeout = number;
+      options.timeout = options.client.timeout = number;
     } else {
       return false;
     }
@@ -129,28 +147,6 @@ void waitForDisconnect(FileDescriptor& control, FileDescriptor& data) {
   std::cout << "kindlet disconnected" << std::endl;
 }
 
-// kindlet's end on standard output (once), then the status to exit with.
-class EndReport {
- public:
-  explicit EndReport(Launcher& child) : child_(child) {}
-  int operator()() {
-    if (!printed_) {
-      printed_ = true;
-      status_ = child_.reportEnd();
-      if (child_.terminationSignal() > 0)
-        std::cout << "kindlet killed by signal " << child_.terminationSignal() << std::endl;
-      else
-        std::cout << "kindlet exited with status " << status_ << std::endl;
-    }
-    return status_;
-  }
-
- private:
-  Launcher& child_;
-  bool printed_ = false;
-  int status_ = 0;
-};
-
 bool waitOrKill(Launcher& child, double timeout) {
   if (child.waitFor(timeout)) return true;
   std::cerr << "kindlet-control: kindlet still running after " << timeout << " s; killing it"
@@ -176,6 +172,7 @@ int runLiveMode(int argc, char** argv) {
     }
   }
   std::istream& script = scriptFile.is_open() ? scriptFile : std::cin;
+  if (!options.legacyTcp) return runClientLiveMode(options.client, script);
 
   FileDescriptor controlListener = listenOn(options.controlPort);
   FileDescriptor dataListener = listenOn(options.dataPort);

@@ -1,6 +1,7 @@
 // kindlet-control: the parent of kindlet. `kindlet-control render -- ...` runs
 // one batch render; otherwise it plays the controlling application of a live
-// render over the two TCP channels. See docs/controller.md.
+// render, on the service registry of the live-render client or, with
+// --legacy-tcp, over the two TCP channels. See docs/controller.md.
 #include <cstring>
 
 #include "BatchMode.h"

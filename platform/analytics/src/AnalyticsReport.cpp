@@ -54,7 +54,9 @@ bool readAnalyticsRecord(const std::string& path, const std::string& name, std::
   text << file.rdbuf();
   rapidjson::Document report;
   if (!file || report.Parse(text.str().c_str()).HasParseError() || !report.IsObject() ||
-      !report.HasMember("records") || !report["records"].IsArray())
+      !report.HasMember("version") || !report["version"].IsInt() ||
+      report["version"].GetInt() != 1 || !report.HasMember("records") ||
+      !report["records"].IsArray())
     return false;
   for (const rapidjson::Value& record : report["records"].GetArray()) {
     if (!record.IsObject() || !record.HasMember("name") || !record["name"].IsString() ||

@@ -1,0 +1,248 @@
+// The live-render client's throughput and latency against what carries the
+// same bytes without it. See docs/performance.md, "Live-render client".
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "KINDLET/src/RenderManager.h"
+#include "LiveRendering/LiveRenderClient.h"
+#include "LiveRendering/LiveRenderProtocol.h"
+
+using Clock = std::chrono::steady_clock;
+using namespace Arbolite3::internal::XoAttribute;
+namespace live = Morrigo::Selvane::LiveRendering;
+
+namespace {
+
+int64_t nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+      .count();
+}
+
+// A plug-in whose submitUpdate counts and notes the time.
+struct CountingPlugin {
+  std::atomic<uint64_t> submitted{0};
+  std::atomic<int64_t> submitAt{0};
+  XoRendererPluginSuite suite{};
+  CountingPlugin() {
+    suite.submitUpdate = [](XoRendererPluginHandle handle, XoAttributeStruct*) -> int32_t {
+      auto& plugin = *static_cast<CountingPlugin*>(handle);
+      plugin.submitAt.store(nowNs(), std::memory_order_relaxed);
+      plugin.submitted.fetch_add(1, std::memory_order_release);
+      return 0;
+    };
+  }
+};
+
+// One update of about `size` bytes in the binary form.
+std::string updateBytes(size_t size) {
+  GroupBuilder builder;
+  builder.set("payload", StringAttribute(std::string(size > 48 ? size - 48 : 1, 'x')));
+  return builder.build().getBinary();
+}
+
+void waitUntil(const std::atomic<uint64_t>& counter, uint64_t target) {
+  while (counter.load(std::memory_order_acquire) < target) std::this_thread::yield();
+}
+
+// Messages per timed iteration: enough that the receiver's drain at the end
+// of each batch is a small part of it.
+int64_t batchFor(int64_t size) { return size >= (64 << 10) ? 64 : 1000; }
+
+// Each iteration sends one batch and waits until the receiver has counted
+// all of it, so the rate is end to end in wall time.
+template <typename Send>
+void runBatches(benchmark::State& state, const std::string& message,
+                const std::atomic<uint64_t>& received, Send send) {
+  const int64_t batch = batchFor(state.range(0));
+  uint64_t sent = 0;
+  for (auto _ : state) {
+    for (int64_t i = 0; i < batch; ++i) send();
+    sent += batch;
+    waitUntil(received, sent);
+  }
+  state.SetItemsProcessed(sent);
+  state.SetBytesProcessed(sent * message.size());
+}
+
+// A controller's routing socket with one registered client: a
+// LiveRenderClient feeding a Manager over a counting plug-in.
+struct ClientRig {
+  CountingPlugin plugin;
+  std::shared_ptr<Rendering::Manager> manager{
+      new Rendering::Manager(&plugin, &plugin.suite, "", 0, 0, 1)};
+  void* context = zmq_ctx_new();
+  void* router = zmq_socket(context, ZMQ_ROUTER);
+  std::string identity;
+  std::unique_ptr<live::LiveRenderClient> client{new live::LiveRenderClient()};
+
+  ClientRig() {
+    const int mandatory = 1;
+    zmq_setsockopt(router, ZMQ_ROUTER_MANDATORY, &mandatory, sizeof mandatory);
+    zmq_bind(router, "tcp://127.0.0.1:*");
+    char endpoint[64];
+    size_t size = sizeof endpoint;
+    zmq_getsockopt(router, ZMQ_LAST_ENDPOINT, endpoint, &size);
+    const int port = std::stoi(std::string(endpoint).substr(std::string(endpoint).rfind(':') + 1));
+    Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
+    void (Rendering::Manager::*onCommand)(const std::string&) =
+        &Rendering::Manager::processControlCommand;
+    client->initializeSession(
+        "LiveRenderSession_1", 1, "bench", Arbolite3::internal::XoScenegraphIterator(), info,
+        "127.0.0.1", static_cast<uint16_t>(port),
+        std::bind(&Rendering::Manager::processLiveRenderUpdate, manager, std::placeholders::_1),
+        std::bind(onCommand, manager, std::placeholders::_1));
+    char buffer[4096];
+    const int n = zmq_recv(router, buffer, sizeof buffer, 0);
+    identity.assign(buffer, n);
+    zmq_recv(router, buffer, sizeof buffer, 0);  // the registration
+  }
+  ~ClientRig() {
+    client.reset();  // first, or it would log the registry's end as an outage
+    zmq_close(router);
+    zmq_ctx_term(context);
+  }
+  void send(const std::string& message) {
+    zmq_send(router, identity.data(), identity.size(), ZMQ_SNDMORE);
+    zmq_send(router, message.data(), message.size(), 0);
+  }
+};
+
+void BM_ClientToPlugin(benchmark::State& state) {
+  const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
+  ClientRig rig;
+  runBatches(state, message, rig.plugin.submitted, [&] { rig.send(message); });
+}
+
+// The same frames through a bare PUSH/PULL pair; the receiver only counts.
+// Each end has its own context (and so its own I/O thread), as the two ends
+// of a live render live in two processes.
+void BM_ZmqPushPull(benchmark::State& state) {
+  const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
+  void* pullContext = zmq_ctx_new();
+  void* pushContext = zmq_ctx_new();
+  void* pull = zmq_socket(pullContext, ZMQ_PULL);
+  void* push = zmq_socket(pushContext, ZMQ_PUSH);
+  zmq_bind(pull, "tcp://127.0.0.1:*");
+  char endpoint[64];
+  size_t size = sizeof endpoint;
+  zmq_getsockopt(pull, ZMQ_LAST_ENDPOINT, endpoint, &size);
+  zmq_connect(push, endpoint);
+  std::atomic<uint64_t> received{0};
+  std::atomic<bool> done{false};
+  std::thread receiver([&] {
+    zmq_msg_t frame;
+    zmq_msg_init(&frame);
+    const int timeout = 50;
+    zmq_setsockopt(pull, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
+    while (!done.load()) {
+      if (zmq_msg_recv(&frame, pull, 0) >= 0) received.fetch_add(1, std::memory_order_release);
+    }
+    zmq_msg_close(&frame);
+  });
+  runBatches(state, message, received,
+             [&] { zmq_send(push, message.data(), message.size(), 0); });
+  done = true;
+  receiver.join();
+  zmq_close(push);
+  zmq_close(pull);
+  zmq_ctx_term(pushContext);
+  zmq_ctx_term(pullContext);
+}
+
+// The floor: length-prefixed frames over a loopback TCP connection, read
+// whole into one reused buffer.
+void BM_TcpFloor(benchmark::State& state) {
+  const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
+  int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(listener, reinterpret_cast<sockaddr*>(&address), length);
+  listen(listener, 1);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  int writer = socket(AF_INET, SOCK_STREAM, 0);
+  connect(writer, reinterpret_cast<sockaddr*>(&address), length);
+  int reader = accept(listener, nullptr, nullptr);
+  const int one = 1;
+  setsockopt(writer, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  std::atomic<uint64_t> received{0};
+  std::thread receiver([&] {
+    std::vector<char> buffer;
+    auto readAll = [&](char* into, size_t size) {
+      while (size > 0) {
+        const ssize_t n = read(reader, into, size);
+        if (n <= 0) return false;
+        into += n;
+        size -= static_cast<size_t>(n);
+      }
+      return true;
+    };
+    for (;;) {
+      uint64_t frameSize = 0;
+      if (!readAll(reinterpret_cast<char*>(&frameSize), sizeof frameSize)) return;
+      buffer.resize(frameSize);
+      if (!readAll(buffer.data(), frameSize)) return;
+      received.fetch_add(1, std::memory_order_release);
+    }
+  });
+  const uint64_t frameSize = message.size();
+  std::string frame(reinterpret_cast<const char*>(&frameSize), sizeof frameSize);
+  frame += message;
+  runBatches(state, message, received, [&] {
+    for (size_t done = 0; done < frame.size();)
+      done += static_cast<size_t>(write(writer, frame.data() + done, frame.size() - done));
+  });
+  close(writer);
+  receiver.join();
+  close(reader);
+  close(listener);
+}
+
+// One update at a time: from the controller's send to the plug-in's
+// submitUpdate. Median and p99 over the run, in microseconds.
+void BM_UpdateLatency(benchmark::State& state) {
+  const std::string message = live::encodeUpdate(updateBytes(64));
+  ClientRig rig;
+  std::vector<double> samples;
+  uint64_t sent = 0;
+  for (auto _ : state) {
+    const int64_t start = nowNs();
+    rig.send(message);
+    waitUntil(rig.plugin.submitted, ++sent);
+    const double seconds = (rig.plugin.submitAt.load() - start) * 1e-9;
+    samples.push_back(seconds * 1e6);
+    state.SetIterationTime(seconds);
+  }
+  std::sort(samples.begin(), samples.end());
+  if (!samples.empty()) {
+    state.counters["median_us"] = samples[samples.size() / 2];
+    state.counters["p99_us"] = samples[std::min(samples.size() - 1, samples.size() * 99 / 100)];
+  }
+}
+
+}  // namespace
+
+#define PAYLOADS Arg(64)->Arg(4 << 10)->Arg(64 << 10)->Arg(1 << 20)->UseRealTime()
+BENCHMARK(BM_ClientToPlugin)->PAYLOADS;
+BENCHMARK(BM_ZmqPushPull)->PAYLOADS;
+BENCHMARK(BM_TcpFloor)->PAYLOADS;
+BENCHMARK(BM_UpdateLatency)->UseManualTime()->Iterations(20000);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,64 @@
+// The client side of a live render's session with its controlling
+// application. initializeSession connects to the controller's service
+// registry (a ZeroMQ routing socket at host:port), registers the session and
+// returns; from then on one thread of the client receives the controller's
+// updates and commands and hands them, in the order sent, to the two
+// callbacks. When the controller goes away the client logs one error line,
+// keeps waiting for it and registers again when it is back.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "XoAttribute/Attribute.h"
+#include "XoRendererPlugin/XoRendererPluginManager.h"
+#include "XoScenegraph/XoScenegraphIterator.h"
+
+namespace Morrigo {
+namespace Selvane {
+namespace LiveRendering {
+
+class LiveRenderClient {
+ public:
+  using UpdateCallback = std::function<void(const Arbolite3::internal::XoAttribute::GroupAttribute&)>;
+  using CommandCallback = std::function<void(const std::string&)>;
+
+  LiveRenderClient();
+  // Stops and joins the receiving thread, tells the controller the session
+  // ended, then lets go of the callbacks.
+  ~LiveRenderClient();
+  LiveRenderClient(const LiveRenderClient&) = delete;
+  LiveRenderClient& operator=(const LiveRenderClient&) = delete;
+
+  // Once per client. Throws Rendering::RendererPluginError when there is no
+  // registry to connect to (empty host, port 0, an address ZeroMQ refuses).
+  // The controller need not be up yet: the session registers when it is.
+  void initializeSession(const std::string& sessionName, long sequenceID,
+                         const std::string& opTreeFile,
+                         const Arbolite3::internal::XoScenegraphIterator& iterator,
+                         Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin& rendererInfo,
+                         const std::string& host, uint16_t serviceRegistryPort,
+                         UpdateCallback updateCallback, CommandCallback commandCallback);
+
+ private:
+  void receive();
+
+  std::string endpoint;
+  std::string sequenceText;
+  std::string registerMessage;
+  std::string stopEndpoint;
+  UpdateCallback onUpdate;
+  CommandCallback onCommand;
+  void* context = nullptr;
+  void* socket = nullptr;   // DEALER to the registry; used by the thread alone once it runs
+  void* monitor = nullptr;  // PAIR receiving the socket's connection events
+  void* stopSender = nullptr;  // PAIR: the destructor's word to the thread
+  void* stopReceiver = nullptr;
+  std::thread thread;
+};
+
+}  // namespace LiveRendering
+}  // namespace Selvane
+}  // namespace Morrigo

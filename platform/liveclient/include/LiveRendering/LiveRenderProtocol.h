@@ -1,0 +1,70 @@
+// The messages between a live-render client and the controlling
+// application's service registry (docs/live-render-protocol.md). Each message
+// is one ZeroMQ frame: a kind byte, then the body of that kind.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "XoAttribute/Attribute.h"
+
+namespace Morrigo {
+namespace Selvane {
+namespace LiveRendering {
+
+const int kProtocolVersion = 1;
+
+enum MessageKind : uint8_t {
+  // client -> controller
+  kRegister = 0x01,  // body: the registration as a UTF-8 JSON object
+  kBye = 0x02,       // body: empty; the session ends
+  // controller -> client
+  kRegistered = 0x81,  // body: empty; the registration was accepted
+  kUpdate = 0x82,      // body: u32 length, then that many bytes of binary attribute
+  kCommand = 0x83,     // body: u32 length, then that many bytes of command text
+};
+
+// Size of the kind byte and the length of an update or a command.
+const size_t kHeaderSize = 5;
+
+struct Registration {
+  std::string sessionName;
+  long sequenceID = 0;
+  std::string opTreeFile;
+  std::string rendererName;
+  std::vector<std::string> renderMethods;
+  long pid = 0;
+};
+
+// The register message for `registration`.
+std::string encodeRegister(const Registration& registration);
+// Reads a register message back; false with a reason for anything else.
+bool decodeRegister(const void* data, size_t size, Registration& registration,
+                    std::string& error);
+
+// Controller side: an update carrying `binaryAttribute`, a command, an ack.
+std::string encodeUpdate(const std::string& binaryAttribute);
+std::string encodeCommand(const std::string& text);
+std::string encodeRegistered();
+
+// A message from the controller as the client acts on it. `command` points
+// into the decoded bytes and is valid as long as they are.
+struct ControllerMessage {
+  MessageKind kind = kRegistered;
+  Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
+  const char* command = nullptr;                            // for kCommand
+  size_t commandLength = 0;
+};
+
+// Decodes one message for the render `sequenceID`: an update comes out with
+// this render's part folded in (PerRenderUpdate.h). On bad bytes returns
+// false with a one-line reason; nothing is allocated for a length before it
+// is checked against the bytes that came.
+bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,
+                             ControllerMessage& message, std::string& error);
+
+}  // namespace LiveRendering
+}  // namespace Selvane
+}  // namespace Morrigo

@@ -1,0 +1,212 @@
+#include "LiveRendering/LiveRenderClient.h"
+
+#include <unistd.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "LiveRendering/LiveRenderProtocol.h"
+#include "XoLoggingHost/XoLoggerGlue.h"
+
+namespace Morrigo {
+namespace Selvane {
+namespace LiveRendering {
+
+namespace {
+
+const char kSource[] = "platform/liveclient/LiveRenderClient";
+
+const XoLoggingHost::XoLoggerGlue& channel() {
+  static const XoLoggingHost::XoLoggerGlue logger("LiveRendering");
+  return logger;
+}
+
+// A controller that stops answering ZeroMQ's heartbeats for this long counts
+// as gone even when its TCP connection never closed (a hung or stopped process).
+const int kHeartbeatIntervalMs = 1000;
+const int kHeartbeatTimeoutMs = 3000;
+const int kReconnectMaxMs = 1000;
+const int kLingerMs = 200;  // time the goodbye gets to leave at the end
+
+std::string zmqError() { return zmq_strerror(zmq_errno()); }
+
+void setOption(void* socket, int option, int value) {
+  zmq_setsockopt(socket, option, &value, sizeof value);
+}
+
+void closeSocket(void*& socket) {
+  if (socket != nullptr) zmq_close(socket);
+  socket = nullptr;
+}
+
+}  // namespace
+
+LiveRenderClient::LiveRenderClient() = default;
+
+LiveRenderClient::~LiveRenderClient() {
+  if (thread.joinable()) {
+    zmq_send(stopSender, "", 0, 0);
+    thread.join();
+  }
+  if (socket != nullptr) zmq_socket_monitor(socket, nullptr, 0);
+  closeSocket(monitor);
+  closeSocket(stopSender);
+  closeSocket(stopReceiver);
+  closeSocket(socket);
+  if (context != nullptr) zmq_ctx_term(context);
+}
+
+void LiveRenderClient::initializeSession(
+    const std::string& sessionName, long sequenceID, const std::string& opTreeFile,
+    const Arbolite3::internal::XoScenegraphIterator& /*iterator: the scene is the renderer's*/,
+    Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin& rendererInfo,
+    const std::string& host, uint16_t serviceRegistryPort, UpdateCallback updateCallback,
+    CommandCallback commandCallback) {
+  const std::string what = "live-render client of session " + sessionName + ": ";
+  if (context != nullptr) throw Rendering::RendererPluginError(what + "session already initialised");
+  if (host.empty() || serviceRegistryPort == 0) {
+    throw Rendering::RendererPluginError(
+        what + "no service registry to connect to (give -host and -serviceRegistryPort)");
+  }
+  endpoint = "tcp://" + host + ":" + std::to_string(serviceRegistryPort);
+  char text[32];
+  snprintf(text, sizeof text, "%ld", sequenceID);
+  sequenceText = text;
+
+  Registration registration;
+  registration.sessionName = sessionName;
+  registration.sequenceID = sequenceID;
+  registration.opTreeFile = opTreeFile;
+  registration.rendererName = rendererInfo.registeredName;
+  registration.pid = static_cast<long>(::getpid());
+  if (const XoRendererInfoPluginSuite* info = rendererInfo.suite) {
+    if (info->getRendererName != nullptr && info->getRendererName() != nullptr)
+      registration.rendererName = info->getRendererName();
+    if (info->getRenderMethods != nullptr) {
+      for (const char* const* method = info->getRenderMethods(); method && *method; ++method)
+        registration.renderMethods.push_back(*method);
+    }
+  }
+  registerMessage = encodeRegister(registration);
+
+  context = zmq_ctx_new();
+  socket = zmq_socket(context, ZMQ_DEALER);
+  setOption(socket, ZMQ_LINGER, kLingerMs);
+  setOption(socket, ZMQ_HEARTBEAT_IVL, kHeartbeatIntervalMs);
+  setOption(socket, ZMQ_HEARTBEAT_TIMEOUT, kHeartbeatTimeoutMs);
+  setOption(socket, ZMQ_RECONNECT_IVL_MAX, kReconnectMaxMs);
+  // The thread learns of each connection and loss from the socket's own
+  // events: one error line per outage, not one per reconnection attempt.
+  char name[64];
+  snprintf(name, sizeof name, "inproc://live-render-events-%p", static_cast<void*>(this));
+  zmq_socket_monitor(socket, name, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
+  monitor = zmq_socket(context, ZMQ_PAIR);
+  zmq_connect(monitor, name);
+  snprintf(name, sizeof name, "inproc://live-render-stop-%p", static_cast<void*>(this));
+  stopReceiver = zmq_socket(context, ZMQ_PAIR);
+  zmq_bind(stopReceiver, name);
+  stopSender = zmq_socket(context, ZMQ_PAIR);
+  zmq_connect(stopSender, name);
+
+  if (zmq_connect(socket, endpoint.c_str()) != 0) {
+    throw Rendering::RendererPluginError(what + "cannot connect to " + endpoint + ": " +
+                                         zmqError());
+  }
+  onUpdate = std::move(updateCallback);
+  onCommand = std::move(commandCallback);
+  thread = std::thread(&LiveRenderClient::receive, this);
+}
+
+void LiveRenderClient::receive() {
+  bool connected = false;
+  bool lost = false;
+  std::string command;  // reused: a command costs no allocation once it has grown
+  zmq_msg_t message;
+  zmq_msg_init(&message);
+  zmq_pollitem_t items[3] = {{socket, 0, ZMQ_POLLIN, 0},
+                             {monitor, 0, ZMQ_POLLIN, 0},
+                             {stopReceiver, 0, ZMQ_POLLIN, 0}};
+  for (;;) {
+    if (zmq_poll(items, 3, -1) < 0) {
+      if (zmq_errno() == EINTR) continue;
+      break;
+    }
+    if (items[2].revents & ZMQ_POLLIN) break;
+
+    if (items[1].revents & ZMQ_POLLIN) {
+      // An event is two frames: 6 bytes (u16 event, u32 value), then the endpoint.
+      while (zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
+        uint16_t event = 0;
+        if (zmq_msg_size(&message) >= 2)
+          event = static_cast<uint16_t>(static_cast<unsigned char*>(zmq_msg_data(&message))[0] |
+                                        static_cast<unsigned char*>(zmq_msg_data(&message))[1] << 8);
+        while (zmq_msg_more(&message) && zmq_msg_recv(&message, monitor, 0) >= 0) {
+        }
+        if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+          if (lost && channel().infoEnabled())
+            channel().info("LiveRenderClient: the controller at " + endpoint +
+                               " is back; registering the session again.",
+                           kSource, __LINE__);
+          zmq_send(socket, registerMessage.data(), registerMessage.size(), ZMQ_DONTWAIT);
+          connected = true;
+          lost = false;
+        } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
+          connected = false;
+          lost = true;
+          if (channel().errorEnabled())
+            channel().error("LiveRenderClient: lost the controller at " + endpoint +
+                                "; the render goes on and the session registers again when "
+                                "the controller is back.",
+                            kSource, __LINE__);
+        }
+      }
+    }
+
+    if (items[0].revents & ZMQ_POLLIN) {
+      while (zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) {
+        std::string error;
+        ControllerMessage decoded;
+        bool ok;
+        if (zmq_msg_more(&message)) {
+          while (zmq_msg_more(&message) && zmq_msg_recv(&message, socket, 0) >= 0) {
+          }
+          ok = false;
+          error = "a message of several frames";
+        } else {
+          ok = decodeControllerMessage(zmq_msg_data(&message), zmq_msg_size(&message),
+                                       sequenceText, decoded, error);
+        }
+        if (!ok) {
+          if (channel().errorEnabled())
+            channel().error("LiveRenderClient: dropped a message from the controller at " +
+                                endpoint + ": " + error + ".",
+                            kSource, __LINE__);
+          continue;
+        }
+        switch (decoded.kind) {
+          case kUpdate:
+            onUpdate(decoded.update);
+            break;
+          case kCommand:
+            command.assign(decoded.command, decoded.commandLength);
+            onCommand(command);
+            break;
+          default:
+            if (channel().infoEnabled())
+              channel().info("LiveRenderClient: session registered with the controller at " +
+                                 endpoint + ".",
+                             kSource, __LINE__);
+            break;
+        }
+      }
+    }
+  }
+  zmq_msg_close(&message);
+  const char bye = static_cast<char>(kBye);
+  zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
+}
+
+}  // namespace LiveRendering
+}  // namespace Selvane
+}  // namespace Morrigo

@@ -1,0 +1,168 @@
+#include "LiveRendering/LiveRenderProtocol.h"
+
+#include <cstring>
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "LiveRendering/PerRenderUpdate.h"
+
+namespace Morrigo {
+namespace Selvane {
+namespace LiveRendering {
+
+using Arbolite3::internal::XoAttribute::Attribute;
+using Arbolite3::internal::XoAttribute::GroupAttribute;
+using Arbolite3::internal::XoAttribute::kTypeGroup;
+
+namespace {
+
+std::string withLength(MessageKind kind, const std::string& body) {
+  std::string message(kHeaderSize, '\0');
+  message[0] = static_cast<char>(kind);
+  uint32_t length = static_cast<uint32_t>(body.size());
+  for (int i = 1; i < 5; ++i, length >>= 8) message[i] = static_cast<char>(length & 0xff);
+  return message + body;
+}
+
+uint32_t readLength(const unsigned char* bytes) {
+  return uint32_t(bytes[1]) | uint32_t(bytes[2]) << 8 | uint32_t(bytes[3]) << 16 |
+         uint32_t(bytes[4]) << 24;
+}
+
+}  // namespace
+
+std::string encodeRegister(const Registration& registration) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  auto text = [&writer](const std::string& value) {
+    writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+  };
+  writer.StartObject();
+  writer.Key("protocol");
+  writer.Int(kProtocolVersion);
+  writer.Key("session");
+  text(registration.sessionName);
+  writer.Key("sequenceID");
+  writer.Int64(registration.sequenceID);
+  writer.Key("opTreeFile");
+  text(registration.opTreeFile);
+  writer.Key("renderer");
+  text(registration.rendererName);
+  writer.Key("renderMethods");
+  writer.StartArray();
+  for (const std::string& method : registration.renderMethods) text(method);
+  writer.EndArray();
+  writer.Key("pid");
+  writer.Int64(registration.pid);
+  writer.EndObject();
+  return std::string(1, static_cast<char>(kRegister)) + buffer.GetString();
+}
+
+bool decodeRegister(const void* data, size_t size, Registration& registration,
+                    std::string& error) {
+  const char* bytes = static_cast<const char*>(data);
+  if (size < 1 || static_cast<unsigned char>(bytes[0]) != kRegister) {
+    error = "not a register message";
+    return false;
+  }
+  rapidjson::Document document;
+  document.Parse(bytes + 1, size - 1);
+  if (document.HasParseError() || !document.IsObject()) {
+    error = "registration is not a JSON object";
+    return false;
+  }
+  auto member = [&document](const char* name) -> const rapidjson::Value* {
+    auto found = document.FindMember(name);
+    return found == document.MemberEnd() ? nullptr : &found->value;
+  };
+  const rapidjson::Value* session = member("session");
+  const rapidjson::Value* sequenceID = member("sequenceID");
+  const rapidjson::Value* file = member("opTreeFile");
+  const rapidjson::Value* renderer = member("renderer");
+  const rapidjson::Value* methods = member("renderMethods");
+  const rapidjson::Value* pid = member("pid");
+  if (!session || !session->IsString() || !sequenceID || !sequenceID->IsInt64() || !file ||
+      !file->IsString() || !renderer || !renderer->IsString() || !methods ||
+      !methods->IsArray() || !pid || !pid->IsInt64()) {
+    error = "registration lacks a member or has one of the wrong type";
+    return false;
+  }
+  registration = Registration();
+  registration.sessionName.assign(session->GetString(), session->GetStringLength());
+  registration.sequenceID = static_cast<long>(sequenceID->GetInt64());
+  registration.opTreeFile.assign(file->GetString(), file->GetStringLength());
+  registration.rendererName.assign(renderer->GetString(), renderer->GetStringLength());
+  for (const auto& method : methods->GetArray()) {
+    if (method.IsString()) registration.renderMethods.emplace_back(method.GetString(), method.GetStringLength());
+  }
+  registration.pid = static_cast<long>(pid->GetInt64());
+  return true;
+}
+
+std::string encodeUpdate(const std::string& binaryAttribute) {
+  return withLength(kUpdate, binaryAttribute);
+}
+
+std::string encodeCommand(const std::string& text) { return withLength(kCommand, text); }
+
+std::string encodeRegistered() { return std::string(1, static_cast<char>(kRegistered)); }
+
+bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,
+                             ControllerMessage& message, std::string& error) {
+  const unsigned char* bytes = static_cast<const unsigned char*>(data);
+  if (size == 0) {
+    error = "empty message";
+    return false;
+  }
+  const unsigned kind = bytes[0];
+  if (kind == kRegistered) {
+    message.kind = kRegistered;
+    return true;
+  }
+  if (kind != kUpdate && kind != kCommand) {
+    char text[48];
+    snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
+    error = text;
+    return false;
+  }
+  const char* name = kind == kUpdate ? "update" : "command";
+  if (size < kHeaderSize) {
+    error = std::string(name) + " shorter than its header";
+    return false;
+  }
+  const uint32_t length = readLength(bytes);
+  if (length != size - kHeaderSize) {
+    error = std::string(name) + " claims " + std::to_string(length) + " bytes but carries " +
+            std::to_string(size - kHeaderSize);
+    return false;
+  }
+  if (kind == kCommand) {
+    message.kind = kCommand;
+    message.command = reinterpret_cast<const char*>(bytes + kHeaderSize);
+    message.commandLength = length;
+    return true;
+  }
+  const Attribute parsed = Attribute::parseBinary(bytes + kHeaderSize, length);
+  if (!parsed.isValid()) {
+    error = "update is not a binary attribute";
+    return false;
+  }
+  if (parsed.getType() != kTypeGroup) {
+    error = "update is not a group attribute";
+    return false;
+  }
+  PerRenderPart part;
+  message.update = foldPerRenderUpdate(GroupAttribute(parsed), sequenceID, &part);
+  if (part == PerRenderPart::NotGroup) {
+    error = std::string("update's ") + kPerRenderUpdateKey + " is not a group";
+    return false;
+  }
+  message.kind = kUpdate;
+  return true;
+}
+
+}  // namespace LiveRendering
+}  // namespace Selvane
+}  // namespace Morrigo

@@ -1,0 +1,127 @@
+// The client transport end to end: kindlet-control serves the registry and
+// starts the installed kindlet (or several), which record what reaches the
+// plug-in.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+
+#include "KindletTestSupport.h"
+
+using kindlettest::RunResult;
+
+namespace {
+
+class ClientTransport : public testing::Test {
+ protected:
+  // kindlet-control --start with `script`, its own `options`, and kindlet's
+  // required options plus `kindletOptions`.
+  RunResult control(const std::string& script, const std::vector<std::string>& options,
+                    const std::string& opTree = exampleScene(),
+                    const std::vector<std::string>& kindletOptions = {}) {
+    std::vector<std::string> arguments = {kindlettest::testRoot() + "/bin/kindlet-control",
+                                          "--start", "--timeout", "60", "--script",
+                                          dir.write("script.txt", script)};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const std::vector<std::string> required = {
+        "--", "-selvaneRoot", kindlettest::testRoot(), "-tempDir", dir.path(),
+        "-renderer", "recording", "-renderMethodName", "liveRender", "-recordFile", record(),
+        "-arbolite3OpTree", opTree};
+    arguments.insert(arguments.end(), required.begin(), required.end());
+    arguments.insert(arguments.end(), kindletOptions.begin(), kindletOptions.end());
+    return kindlettest::run(arguments[0], arguments, {}, std::chrono::seconds(120));
+  }
+  static std::string exampleScene() {
+    return kindlettest::testRoot() + "/share/kindlet/examples/scene.optree.json";
+  }
+  std::string record() const { return dir.file("record.txt"); }
+  // The record without the live loop's own questions.
+  std::vector<kindlettest::RecordLine> deliveries() const {
+    std::vector<kindlettest::RecordLine> lines = kindlettest::readRecordFile(record());
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const kindlettest::RecordLine& line) {
+                                 return line.slot == "hasQueuedUpdates" ||
+                                        line.slot == "applyQueuedUpdates";
+                               }),
+                lines.end());
+    return lines;
+  }
+
+  kindlettest::TempDir dir;
+};
+
+TEST_F(ClientTransport, AStopAfterTenThousandUpdatesComesAfterEveryOne) {
+  std::string script;
+  for (int i = 0; i < 10000; ++i) script += "update {\"n\": " + std::to_string(i) + "}\n";
+  script += "stop\n";
+  const RunResult result = control(script, {});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  const std::vector<kindlettest::RecordLine> lines = deliveries();
+  // create setup start startLiveEditing, the updates, stopLiveEditing stop teardown destroy
+  ASSERT_EQ(lines.size(), 4u + 10000u + 4u);
+  for (int i = 0; i < 10000; ++i) {
+    ASSERT_EQ(lines[4 + i].slot, "submitUpdate");
+    ASSERT_EQ(lines[4 + i].details, "{n=" + std::to_string(i) + "}");
+  }
+  EXPECT_EQ(lines[10004].slot, "stopLiveEditing");
+}
+
+TEST_F(ClientTransport, OneUpdateServesSeveralRendersEachWithItsOwnPart) {
+  const RunResult result = control(
+      "update {\"a\": 1, \"__perRenderUpdateAttributes\": {\"1\": {\"own\": \"one\"}, "
+      "\"2\": {\"own\": \"two\"}, \"3\": {\"own\": \"three\"}}}\n"
+      "@2 command onlyTwo\n"
+      "stop\n",
+      {"--renders", "2"});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_NE(result.out.find("registered LiveRenderSession_1 sequenceID 1 "), std::string::npos);
+  EXPECT_NE(result.out.find("registered LiveRenderSession_1 sequenceID 2 "), std::string::npos);
+  std::multiset<std::string> updates, commands;
+  for (const auto& line : deliveries()) {
+    if (line.slot == "submitUpdate") updates.insert(line.details);
+    if (line.slot == "handleControlCommand") commands.insert(line.details);
+  }
+  EXPECT_EQ(updates, (std::multiset<std::string>{"{own=\"one\",a=1}", "{own=\"two\",a=1}"}));
+  EXPECT_EQ(commands, std::multiset<std::string>{"onlyTwo"});
+}
+
+TEST_F(ClientTransport, EachFileGetsANewSessionAndTheLastLivesToTeardown) {
+  std::ifstream in(exampleScene());
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  dir.write("shot.000001.json", text);
+  dir.write("shot.000002.json", text);
+  const RunResult result =
+      control("stop\n", {}, dir.file("shot.*.json"), {"-t", "1-2"});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  const size_t first = result.out.find("registered LiveRenderSession_1 ");
+  const size_t ended = result.out.find("session LiveRenderSession_1 ");
+  const size_t second = result.out.find("registered LiveRenderSession_2 ");
+  ASSERT_NE(second, std::string::npos) << result.out;
+  EXPECT_LT(first, ended);
+  EXPECT_LT(ended, second);
+  std::vector<std::string> slots;
+  for (const auto& line : deliveries()) slots.push_back(line.slot);
+  EXPECT_EQ(slots, (std::vector<std::string>{"create", "setup", "start", "startLiveEditing",
+                                             "stopLiveEditing", "stop", "setSceneIterator",
+                                             "start", "startLiveEditing", "stopLiveEditing",
+                                             "stop", "teardown", "destroy"}));
+}
+
+TEST_F(ClientTransport, ALiveRenderWithoutRegistryEndsWith255) {
+  const RunResult result = kindlettest::runKindlet(
+      {"-selvaneRoot", kindlettest::testRoot(), "-tempDir", dir.path(), "-renderer", "recording",
+       "-renderMethodName", "liveRender", "-renderMethodType", "liveRender", "-recordFile",
+       record(), "-arbolite3OpTree", exampleScene()});
+  EXPECT_EQ(result.exitStatus, 255);
+  EXPECT_NE(result.err.find("[ERROR Kindlet] Could not get renderer plug-in for renderer "
+                            "\"recording\": live-render client of session LiveRenderSession_1: "
+                            "no service registry"),
+            std::string::npos)
+      << result.err;
+  std::vector<std::string> slots;
+  for (const auto& line : deliveries()) slots.push_back(line.slot);
+  EXPECT_EQ(slots, (std::vector<std::string>{"create", "setup", "teardown", "destroy"}));
+}
+
+}  // namespace

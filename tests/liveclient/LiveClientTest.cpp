@@ -1,0 +1,231 @@
+// LiveRenderClient in-process against a bare routing socket standing in for
+// the controller: order, the per-render fold, bad bytes and an outage.
+#include <unistd.h>
+#include <gtest/gtest.h>
+#include <zmq.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "LiveRendering/LiveRenderClient.h"
+#include "LiveRendering/LiveRenderProtocol.h"
+#include "LiveRendering/PerRenderUpdate.h"
+#include "XoConfiguration/Configuration.h"
+
+namespace live = Morrigo::Selvane::LiveRendering;
+using namespace Arbolite3::internal::XoAttribute;
+
+namespace {
+
+// ctest runs each case as its own process, in parallel: one log per process.
+const std::string logPath = ::testing::TempDir() + "live_client_test." + std::to_string(getpid()) + ".log";
+
+// The controller's side: one routing socket and the last client's identity.
+class Controller {
+ public:
+  explicit Controller(int port) : context(zmq_ctx_new()), socket(zmq_socket(context, ZMQ_ROUTER)) {
+    const int linger = 0, timeout = 10000, mandatory = 1;
+    zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+    // Without it a full queue drops messages instead of making send() wait.
+    zmq_setsockopt(socket, ZMQ_ROUTER_MANDATORY, &mandatory, sizeof mandatory);
+    zmq_setsockopt(socket, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
+    const std::string endpoint = "tcp://127.0.0.1:" + (port ? std::to_string(port) : "*");
+    EXPECT_EQ(zmq_bind(socket, endpoint.c_str()), 0) << zmq_strerror(zmq_errno());
+    char bound[64];
+    size_t size = sizeof bound;
+    zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, bound, &size);
+    this->port = std::stoi(std::string(bound).substr(std::string(bound).rfind(':') + 1));
+  }
+  ~Controller() {
+    zmq_close(socket);
+    zmq_ctx_term(context);
+  }
+  // The next message's kind byte and body, remembering who sent it.
+  std::string receive() {
+    char buffer[4096];
+    const int n = zmq_recv(socket, buffer, sizeof buffer, 0);
+    if (n < 0) return "";
+    identity.assign(buffer, n);
+    const int m = zmq_recv(socket, buffer, sizeof buffer, 0);
+    return m < 0 ? "" : std::string(buffer, std::min<size_t>(m, sizeof buffer));
+  }
+  void send(const std::string& message) {
+    zmq_send(socket, identity.data(), identity.size(), ZMQ_SNDMORE);
+    zmq_send(socket, message.data(), message.size(), 0);
+  }
+
+  void* context;
+  void* socket;
+  std::string identity;
+  int port = 0;
+};
+
+// What the callbacks received, in order: "u <xml>" or "c <text>".
+struct Received {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> items;
+
+  void add(const std::string& item) {
+    std::lock_guard<std::mutex> lock(mutex);
+    items.push_back(item);
+    changed.notify_all();
+  }
+  bool waitFor(size_t count) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(20), [&] { return items.size() >= count; });
+  }
+};
+
+std::unique_ptr<live::LiveRenderClient> startClient(int port, Received& received, long sequenceID = 7) {
+  std::unique_ptr<live::LiveRenderClient> client(new live::LiveRenderClient());
+  Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
+  info.registeredName = "test";
+  client->initializeSession(
+      "LiveRenderSession_1", sequenceID, "scene.json", Arbolite3::internal::XoScenegraphIterator(),
+      info, "127.0.0.1", static_cast<uint16_t>(port),
+      [&received](const GroupAttribute& update) { received.add("u " + update.getXML()); },
+      [&received](const std::string& text) { received.add("c " + text); });
+  return client;
+}
+
+std::string group(const std::string& name, const Attribute& value) {
+  GroupBuilder builder;
+  builder.set(name, value);
+  return builder.build().getBinary();
+}
+
+std::vector<std::string> errorLines() {
+  std::ifstream file(logPath);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);)
+    if (line.rfind("[ERROR LiveRendering]", 0) == 0) lines.push_back(line);
+  return lines;
+}
+
+class LiveClient : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    std::remove(logPath.c_str());
+    Arbolite3::XoConfiguration::v1::Config().set("SELVANE_LOG_FILE", logPath);
+  }
+};
+
+TEST_F(LiveClient, RegistersAndDeliversUpdatesAndCommandsInTheOrderSent) {
+  Controller controller(0);
+  Received received;
+  auto client = startClient(controller.port, received);
+  live::Registration registration;
+  std::string error;
+  const std::string message = controller.receive();
+  ASSERT_TRUE(live::decodeRegister(message.data(), message.size(), registration, error)) << error;
+  EXPECT_EQ(registration.sessionName, "LiveRenderSession_1");
+  EXPECT_EQ(registration.sequenceID, 7);
+  EXPECT_EQ(registration.rendererName, "test");
+  EXPECT_EQ(registration.opTreeFile, "scene.json");
+
+  // Every render's part travels in one message; render 7 sees only its own.
+  GroupBuilder parts;
+  GroupBuilder own;
+  own.set("own", StringAttribute("seven"));
+  parts.set("7", own.build());
+  parts.set("8", StringAttribute("eight"));
+  GroupBuilder shared;
+  shared.set("n", IntAttribute(-1));
+  shared.set(live::kPerRenderUpdateKey, parts.build());
+  controller.send(live::encodeUpdate(shared.build().getBinary()));
+
+  const int updates = 10000;
+  for (int i = 0; i < updates; ++i) {
+    controller.send(live::encodeUpdate(group("n", IntAttribute(i))));
+    if (i % 1000 == 999) controller.send(live::encodeCommand("after " + std::to_string(i)));
+  }
+  controller.send(live::encodeCommand("stopLiveEditing"));
+  ASSERT_TRUE(received.waitFor(1 + updates + 10 + 1));
+
+  std::vector<std::string> expected = {"u " + [] {
+    GroupBuilder b;
+    b.set("own", StringAttribute("seven"));
+    b.set("n", IntAttribute(-1));
+    return b.build().getXML();
+  }()};
+  for (int i = 0; i < updates; ++i) {
+    GroupBuilder b;
+    b.set("n", IntAttribute(i));
+    expected.push_back("u " + b.build().getXML());
+    if (i % 1000 == 999) expected.push_back("c after " + std::to_string(i));
+  }
+  expected.push_back("c stopLiveEditing");
+  std::lock_guard<std::mutex> lock(received.mutex);
+  EXPECT_EQ(received.items, expected);
+}
+
+TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
+  Controller controller(0);
+  Received received;
+  auto client = startClient(controller.port, received);
+  controller.receive();
+  const size_t before = errorLines().size();
+  const std::string notGroup = IntAttribute(1).getBinary();
+  std::string overclaim = live::encodeUpdate(group("a", IntAttribute(1)));
+  overclaim.replace(1, 4, "\xff\xff\xff\x7f");  // 2 GiB: nothing may be allocated for it
+  const std::string carried = std::to_string(overclaim.size() - live::kHeaderSize);
+  const struct {
+    std::string message, reason;
+  } cases[] = {
+      {live::encodeUpdate("\x05garbage"), "update is not a binary attribute"},
+      {live::encodeUpdate(notGroup), "update is not a group attribute"},
+      {overclaim, "update claims 2147483647 bytes but carries " + carried},
+      {std::string("\x83\x09\x00\x00\x00stop", 9), "command claims 9 bytes but carries 4"},
+      {std::string("\x82\x01", 2), "update shorter than its header"},
+      {"\x42", "unknown message kind 0x42"},
+      {live::encodeUpdate(group(live::kPerRenderUpdateKey, IntAttribute(3))),
+       "update's __perRenderUpdateAttributes is not a group"},
+  };
+  for (const auto& bad : cases) controller.send(bad.message);
+  controller.send(live::encodeCommand("still here"));
+  ASSERT_TRUE(received.waitFor(1));
+  EXPECT_EQ(received.items, std::vector<std::string>{"c still here"});
+  const std::vector<std::string> lines = errorLines();
+  ASSERT_EQ(lines.size(), before + std::size(cases));
+  for (size_t i = 0; i < std::size(cases); ++i)
+    EXPECT_NE(lines[before + i].find(": " + cases[i].reason + "."), std::string::npos) << lines[before + i];
+}
+
+TEST_F(LiveClient, AControllerThatComesBackGetsTheSessionAgainAfterOneErrorLine) {
+  Received received;
+  std::unique_ptr<Controller> controller(new Controller(0));
+  const int port = controller->port;
+  auto client = startClient(port, received);
+  ASSERT_EQ(controller->receive()[0], char(live::kRegister));
+  const size_t before = errorLines().size();
+
+  controller.reset();
+  // Long enough for several reconnection attempts, each of which must stay quiet.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  controller.reset(new Controller(port));
+  ASSERT_EQ(controller->receive()[0], char(live::kRegister));
+  controller->send(live::encodeCommand("welcome back"));
+  ASSERT_TRUE(received.waitFor(1));
+  const std::vector<std::string> lines = errorLines();
+  ASSERT_EQ(lines.size(), before + 1);
+  EXPECT_NE(lines.back().find("lost the controller at tcp://127.0.0.1:" + std::to_string(port)),
+            std::string::npos);
+}
+
+TEST_F(LiveClient, NoRegistryToConnectToIsARendererPluginError) {
+  Received received;
+  for (const auto& address : {std::make_pair(std::string(), 5555), std::make_pair(std::string("h"), 0)}) {
+    live::LiveRenderClient client;
+    Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
+    EXPECT_THROW(client.initializeSession("s", 0, "f", Arbolite3::internal::XoScenegraphIterator(),
+                                          info, address.first, address.second, nullptr, nullptr),
+                 Rendering::RendererPluginError);
+  }
+}
+
+}  // namespace

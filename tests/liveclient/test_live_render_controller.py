@@ -1,0 +1,123 @@
+"""LiveRenderController as a pipeline script uses it, against the installed
+kindlet with the recording renderer (KINDLET_TEST_ROOT names the root)."""
+
+import os
+import subprocess
+import time
+
+import pytest
+
+import ArboliteAPI as A
+import LiveRenderController as L
+
+ROOT = os.environ["KINDLET_TEST_ROOT"]
+
+
+def startKindlet(tmp_path, port, sequenceID, record):
+    env = {
+        "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
+        "SELVANE_INTERNAL_PYTHONHOME": "/usr",
+        "SELVANE_INTERNAL_PYTHONPATH": "/usr/lib/python3.11:/usr/lib/python3.11/lib-dynload:"
+                                       + ROOT + "/bin/python",
+        "SELVANE_DEFAULT_ASSET_PLUGIN": "FileAsset",
+        "SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN": "FileSequence",
+    }
+    arguments = [ROOT + "/bin/kindlet", "-selvaneRoot", ROOT, "-tempDir", str(tmp_path),
+                 "-arbolite3OpTree", ROOT + "/share/kindlet/examples/scene.optree.json",
+                 "-renderer", "recording", "-renderMethodName", "liveRender",
+                 "-renderMethodType", "liveRender", "-recordFile", str(record),
+                 "-host", "127.0.0.1:0", "-serviceRegistryPort", str(port),
+                 "-sequenceID", str(sequenceID)]
+    return subprocess.Popen(arguments, env=env, stderr=subprocess.PIPE, universal_newlines=True)
+
+
+def stopAll(registry, processes):
+    """Stops every render and returns their standard error texts. A stop whose
+    wake-up falls just before the render loop sleeps is sent again."""
+    for _ in range(20):
+        registry.stop()
+        deadline = time.monotonic() + 1
+        while time.monotonic() < deadline and any(p.poll() is None for p in processes):
+            registry.poll(0.05)
+        if all(p.poll() is not None for p in processes):
+            break
+    errors = [p.communicate(timeout=30)[1] for p in processes]
+    assert [p.returncode for p in processes] == [0] * len(processes), errors
+    return errors
+
+
+def recorded(record, slot):
+    with open(record) as f:
+        return [line.split(" ", 2)[2].rstrip("\n") for line in f if line.startswith(slot + " ")]
+
+
+def group(**children):
+    builder = A.GroupBuilder()
+    for name, value in children.items():
+        builder.set(name, value)
+    return builder.build()
+
+
+def test_one_update_reaches_each_render_with_its_own_part(tmp_path):
+    registry = L.Registry()
+    records = [tmp_path / "one.txt", tmp_path / "two.txt"]
+    processes = [startKindlet(tmp_path, registry.port, i + 1, records[i]) for i in range(2)]
+    try:
+        sessions = registry.waitForSessions(2, timeout=60)
+        assert sorted(s.sequenceID for s in sessions) == [1, 2]
+        assert all(s.name == "LiveRenderSession_1" and s.renderer == "recording" for s in sessions)
+        builder = A.GroupBuilder()
+        builder.set("a", A.IntAttribute(1))
+        for sequenceID in ("1", "2", "3"):
+            builder.set("__perRenderUpdateAttributes." + sequenceID,
+                        group(own=A.StringAttribute(sequenceID)))
+        assert registry.sendUpdate(builder.build()) == 2
+        assert registry.sendCommand("onlyTwo", sequenceID=2) == 1
+        stopAll(registry, processes)
+    finally:
+        for p in processes:
+            p.kill()
+        registry.close()
+    assert recorded(records[0], "submitUpdate") == ['{own="1",a=1}']
+    assert recorded(records[1], "submitUpdate") == ['{own="2",a=1}']
+    assert recorded(records[0], "handleControlCommand") == []
+    assert recorded(records[1], "handleControlCommand") == ["onlyTwo"]
+
+
+def test_a_registry_that_comes_back_gets_the_session_again(tmp_path):
+    registry = L.Registry()
+    port = registry.port
+    record = tmp_path / "record.txt"
+    process = startKindlet(tmp_path, port, 0, record)
+    try:
+        registry.waitForSessions(1, timeout=60)
+        registry.close()
+        time.sleep(2.5)  # several reconnection attempts
+        registry = L.Registry(port=port)
+        (session,) = registry.waitForSessions(1, timeout=30)
+        assert session.pid == process.pid
+        registry.sendUpdate(group(after=A.IntAttribute(1)))
+        (errors,) = stopAll(registry, [process])
+    finally:
+        process.kill()
+        registry.close()
+    lost = [line for line in errors.splitlines() if "lost the controller" in line]
+    assert len(lost) == 1, errors
+    assert lost[0].startswith("[ERROR LiveRendering] ")
+    assert recorded(record, "submitUpdate") == ["{after=1}"]
+
+
+def test_bad_messages_are_dropped_and_the_session_goes_on(tmp_path):
+    registry = L.Registry()
+    record = tmp_path / "record.txt"
+    process = startKindlet(tmp_path, registry.port, 0, record)
+    try:
+        registry.waitForSessions(1, timeout=60)
+        registry.sendRaw(b"\x82\xff\xff\x00\x00abc")
+        registry.sendCommand("still here")
+        (errors,) = stopAll(registry, [process])
+    finally:
+        process.kill()
+        registry.close()
+    assert "update claims 65535 bytes but carries 3." in errors
+    assert recorded(record, "handleControlCommand") == ["still here"]

@@ -1,0 +1,210 @@
+#include "ClientLiveMode.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "Launcher.h"
+#include "RegistryServer.h"
+#include "Script.h"
+
+namespace KindletControl {
+
+namespace protocol = Morrigo::Selvane::LiveRendering;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The kindlets this program started, each with its own end report.
+class Renders {
+ public:
+  explicit Renders(const ClientLiveOptions& options) : options(options) {}
+
+  // False when one did not start (its end is then reported by report()).
+  bool start(unsigned short registryPort) {
+    for (int i = 1; i <= options.renders; ++i) {
+      std::vector<std::string> arguments = {"-host", "127.0.0.1:0", "-serviceRegistryPort",
+                                            std::to_string(registryPort), "-renderMethodType",
+                                            "liveRender"};
+      if (options.renders > 1) {
+        arguments.push_back("-sequenceID");
+        arguments.push_back(std::to_string(i));
+      }
+      arguments.insert(arguments.end(), options.kindletOptions.begin(),
+                       options.kindletOptions.end());
+      children.emplace_back(new Launcher(options.kindlet));
+      reports.emplace_back(new EndReport(*children.back()));
+      if (!children.back()->start(arguments, {{"SELVANE_DISABLE_PREVANE_PLUS", "0"}}))
+        return false;
+      std::cout << "kindlet pid " << children.back()->pid() << std::endl;
+    }
+    return true;
+  }
+
+  bool any() const { return !children.empty(); }
+  bool anyEnded() {
+    for (auto& child : children)
+      if (child->ended()) return true;
+    return false;
+  }
+  bool allEnded() {
+    for (auto& child : children)
+      if (!child->ended()) return false;
+    return true;
+  }
+  void killAll() {
+    for (auto& child : children) child->kill();
+  }
+  // Each ended child's end, printed once; the first non-zero status, else 0.
+  int report() {
+    int status = 0;
+    for (size_t i = 0; i < children.size(); ++i) {
+      if (!children[i]->ended() && children[i]->started()) continue;
+      const int own = (*reports[i])();
+      if (status == 0) status = own;
+    }
+    return status;
+  }
+
+ private:
+  const ClientLiveOptions& options;
+  std::vector<std::unique_ptr<Launcher>> children;
+  std::vector<std::unique_ptr<EndReport>> reports;
+};
+
+// Keeps the registry served while waiting; true once `done` says so, false
+// after `seconds` (0: no limit).
+template <typename Done>
+bool serveUntil(RegistryServer& registry, double seconds, Done done) {
+  const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+  while (!done()) {
+    if (seconds > 0 && Clock::now() >= deadline) return false;
+    registry.poll(20);
+  }
+  return true;
+}
+
+// "@<sequenceID> <line>" addresses the renders with that sequence ID alone.
+bool splitTarget(const std::string& line, long& target, std::string& rest) {
+  const size_t begin = line.find_first_not_of(" \t");
+  if (begin == std::string::npos || line[begin] != '@') {
+    rest = line;
+    return false;
+  }
+  char* end = nullptr;
+  target = std::strtol(line.c_str() + begin + 1, &end, 0);
+  rest = end;
+  return true;
+}
+
+// The script's data bytes are those of the legacy data channel (a frame of
+// length and attribute); "raw-" lines are sent exactly as given.
+std::string messageFor(const Step& step, bool raw) {
+  if (raw) return step.bytes;
+  if (step.kind == Step::SendData) return protocol::encodeUpdate(step.bytes.substr(8));
+  return protocol::encodeCommand(std::string(step.bytes.c_str()));
+}
+
+}  // namespace
+
+int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
+  RegistryServer registry;
+  unsigned short port = options.registryPort;
+  if (!registry.bind(port)) return 2;
+  std::cout << "service registry port " << port << std::endl;
+
+  Renders renders(options);
+  if (options.start && !renders.start(port)) {
+    renders.killAll();
+    return renders.report();
+  }
+  const size_t wanted = options.start ? static_cast<size_t>(options.renders) : 1;
+  const bool registered = serveUntil(registry, options.connectTimeout, [&] {
+    return registry.sessions().size() >= wanted || (renders.any() && renders.anyEnded());
+  });
+  if (!registered || registry.sessions().size() < wanted) {
+    if (renders.any() && renders.anyEnded()) {
+      std::cerr << "kindlet-control: kindlet ended before it registered" << std::endl;
+      renders.killAll();
+      return renders.report();
+    }
+    std::cerr << "kindlet-control: no registration within " << options.connectTimeout << " s"
+              << std::endl;
+    renders.killAll();
+    return 3;
+  }
+
+  auto waitForEnd = [&] {
+    if (!renders.any()) {
+      serveUntil(registry, 0, [&] { return registry.sessions().empty(); });
+      std::cout << "kindlet disconnected" << std::endl;
+      return;
+    }
+    if (!serveUntil(registry, options.timeout, [&] { return renders.allEnded(); })) {
+      std::cerr << "kindlet-control: kindlet still running after " << options.timeout
+                << " s; killing it" << std::endl;
+      renders.killAll();
+    }
+  };
+
+  std::string text;
+  int lineNumber = 0;
+  while (std::getline(script, text)) {
+    ++lineNumber;
+    registry.poll(0);
+    long target = 0;
+    std::string line;
+    const bool addressed = splitTarget(text, target, line);
+    Step step;
+    std::string error;
+    if (!parseLine(line, step, error)) {
+      std::cerr << "kindlet-control: line " << lineNumber << ": " << error << std::endl;
+      renders.killAll();
+      return 2;
+    }
+    const bool raw = line.find("raw-") != std::string::npos &&
+                     line.find("raw-") == line.find_first_not_of(" \t");
+    const long* to = addressed ? &target : nullptr;
+    switch (step.kind) {
+      case Step::None:
+        break;
+      case Step::SendData:
+      case Step::SendControl:
+        if (registry.send(messageFor(step, raw), to) == 0)
+          std::cerr << "kindlet-control: line " << lineNumber << ": no session to send to"
+                    << std::endl;
+        break;
+      case Step::Sleep:
+        serveUntil(registry, 0, [&, until = Clock::now() + std::chrono::milliseconds(
+                                                step.milliseconds)] { return Clock::now() >= until; });
+        break;
+      case Step::Stop: {
+        const std::string stop = protocol::encodeCommand("stopLiveEditing");
+        // A stop that lands just before kindlet's render loop goes to sleep
+        // wakes nobody; sending it again costs nothing.
+        for (int attempt = 0; attempt < 10; ++attempt) {
+          if (registry.send(stop, to) == 0 || !renders.any()) break;
+          if (serveUntil(registry, 2, [&] { return renders.allEnded(); })) break;
+        }
+        break;
+      }
+      case Step::Wait:
+        waitForEnd();
+        renders.report();
+        break;
+      default:
+        std::cerr << "kindlet-control: line " << lineNumber
+                  << ": only the legacy TCP channels can be closed or reset; skipped"
+                  << std::endl;
+        break;
+    }
+  }
+  if (!renders.any()) return 0;
+  waitForEnd();
+  return renders.report();
+}
+
+}  // namespace KindletControl

@@ -1,0 +1,25 @@
+// kindlet-control on the live-render client transport: serves the service
+// registry, can start one or several kindlets that register with it, and
+// sends them what the script says.
+#pragma once
+
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace KindletControl {
+
+struct ClientLiveOptions {
+  unsigned short registryPort = 0;  // 0: a free one
+  int renders = 1;                  // kindlets to start; several get -sequenceID 1..N
+  bool start = false;
+  std::string kindlet;              // empty: the one beside this program
+  double connectTimeout = 60;       // for the registrations
+  double timeout = 0;               // for kindlet's end once the script waits; 0: none
+  std::vector<std::string> kindletOptions;
+};
+
+// Runs the whole session; returns the exit status of kindlet-control.
+int runClientLiveMode(const ClientLiveOptions& options, std::istream& script);
+
+}  // namespace KindletControl
