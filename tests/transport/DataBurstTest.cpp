@@ -1,5 +1,7 @@
 // Many frames in a row through the data channel, and bytes received ahead of
 // a reader that stops: nothing may be lost, doubled or reordered.
+#include <sys/socket.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
