@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "ImageFile.h"
 #include "Integrator.h"
 #include "Pass.h"
 #include "Renderer.h"
@@ -103,6 +104,50 @@ void BM_BareEmbreePrimaryRays(benchmark::State& state) {
 }
 BENCHMARK(BM_BareEmbreePrimaryRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The floor for packets: the same rays, in the same 4x4 pixel packets the
+// renderer traces, with nothing else.
+void BM_BareEmbreePrimaryPackets(benchmark::State& state) {
+  Renderer renderer(quiet(1));
+  renderer.load(gridScene(kCopies, 256, 256, 1, false));
+  const RenderScene& scene = renderer.scene();
+  std::vector<RTCRayHit16> packets;
+  for (int by = 0; by < 256; by += 4)
+    for (int bx = 0; bx < 256; bx += 4) {
+      RTCRayHit16 rh;
+      for (int i = 0; i < 16; ++i) {
+        const int x = bx + i % 4, y = by + i / 4;
+        Random random(uint32_t(y * 256 + x), 0);
+        const CameraRay ray = cameraRay(scene, x + random.next(), y + random.next());
+        rh.ray.org_x[i] = ray.origin.x; rh.ray.org_y[i] = ray.origin.y;
+        rh.ray.org_z[i] = ray.origin.z;
+        rh.ray.dir_x[i] = ray.direction.x; rh.ray.dir_y[i] = ray.direction.y;
+        rh.ray.dir_z[i] = ray.direction.z;
+        rh.ray.tnear[i] = ray.tnear; rh.ray.tfar[i] = ray.tfar;
+        rh.ray.time[i] = 0; rh.ray.mask[i] = 0xffffffffu; rh.ray.id[i] = unsigned(i);
+        rh.ray.flags[i] = 0;
+        rh.hit.geomID[i] = RTC_INVALID_GEOMETRY_ID;
+        rh.hit.instID[0][i] = RTC_INVALID_GEOMETRY_ID;
+      }
+      packets.push_back(rh);
+    }
+  alignas(64) int valid[16];
+  std::fill(valid, valid + 16, -1);
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  size_t hits = 0;
+  for (auto _ : state) {
+    for (const RTCRayHit16& packet : packets) {
+      alignas(64) RTCRayHit16 rh = packet;
+      rtcIntersect16(valid, scene.geometry->scene, &context, &rh);
+      hits += rh.hit.geomID[0] != RTC_INVALID_GEOMETRY_ID;
+    }
+  }
+  benchmark::DoNotOptimize(hits);
+  state.SetItemsProcessed(state.iterations() * packets.size() * 16);
+}
+BENCHMARK(BM_BareEmbreePrimaryPackets)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Full paths (depth 5, a rectangle light and a dome) on the same scene.
 void BM_SamplesPerSecond(benchmark::State& state) {
   const int threads = int(state.range(0));
@@ -118,9 +163,13 @@ void BM_SamplesPerSecond(benchmark::State& state) {
 }
 BENCHMARK(BM_SamplesPerSecond)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// From submitUpdate of a camera move to the first complete image of the new
-// state, written as PNG, at 512x512 and one sample per pixel.
+// From submitUpdate of a camera move to the first complete in-memory image
+// of the new state, at 512x512 and one sample per pixel: with `full` false
+// the quick direct-light image shown first, with `full` true the first
+// full-path sample. The PNG of each image is written by the live thread
+// after the image is published and is not included (see BM_WritePng512).
 void BM_LiveCameraMoveLatency(benchmark::State& state) {
+  const bool full = state.range(0) != 0;
   RendererOptions options;
   options.samples = 1;
   options.output = "/tmp/pathtracer-bench-live.png";
@@ -136,10 +185,16 @@ void BM_LiveCameraMoveLatency(benchmark::State& state) {
         R"({"/root/cam": {"attributes": {"xform": {"translate": [)" +
         std::to_string(0.01 * (++step % 50)) + R"(, 1.5, 2.5]}}}})")));
     renderer.applyQueuedUpdates();
-    renderer.waitForSamples(renderer.state(), 1, std::chrono::seconds(60));
+    const uint64_t moved = renderer.state();
+    if (full)
+      renderer.waitForSamples(moved, 1, std::chrono::seconds(60));
+    else
+      renderer.waitForImage(moved, std::chrono::seconds(60));
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
     state.SetIterationTime(took.count() / 1000);
     latencies.push_back(took.count());
+    // Let the rest of the state's work finish, so every move starts alike.
+    renderer.waitForSamples(moved, 1, std::chrono::seconds(60));
   }
   renderer.stopLive();
   std::remove(options.output.c_str());
@@ -147,7 +202,19 @@ void BM_LiveCameraMoveLatency(benchmark::State& state) {
   state.counters["median_ms"] = latencies[latencies.size() / 2];
   state.counters["p90_ms"] = latencies[latencies.size() * 9 / 10];
 }
-BENCHMARK(BM_LiveCameraMoveLatency)->Iterations(40)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LiveCameraMoveLatency)->ArgName("full")->Arg(0)->Arg(1)->Iterations(40)
+    ->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// What the live thread spends writing one 512x512 PNG after each image.
+void BM_WritePng512(benchmark::State& state) {
+  std::vector<float> pixels(512 * 512 * 3);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float(i % 997) / 997.0f;
+  std::string error;
+  for (auto _ : state)
+    writeImageAtomically("/tmp/pathtracer-bench-write.png", 512, 512, pixels, error);
+  std::remove("/tmp/pathtracer-bench-write.png");
+}
+BENCHMARK(BM_WritePng512)->Unit(benchmark::kMillisecond);
 
 // Peak resident memory added by loading a scene of about 1.1 million
 // triangles, per million triangles. Run alone (a filter), since the peak of

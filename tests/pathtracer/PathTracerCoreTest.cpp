@@ -177,6 +177,47 @@ TEST_F(LiveRender, CameraMoveChangesTheNextPass) {
   EXPECT_GT(difference / double(after.size()), 0.01);
 }
 
+// The first image after a move comes from a cheap direct-light pass and
+// already shows the moved camera; the full-path samples that follow replace
+// it and never include it.
+TEST_F(LiveRender, QuickImageFirstThenFullPaths) {
+  const char* move = R"({"/root/cam": {"attributes": {"xform": {"translate": [1.5, 0.5, 4.0]}}}})";
+  // A dome, so that bounces add light the quick pass lacks.
+  const std::string lit = scene + R"(, {"name": "sky", "type": "light", "attributes": {
+      "material": {"lightShader": "domeLight", "params": {"intensity": 0.5}}}})";
+  auto batch = [&](const char* depthSettings) {
+    SceneTree tree = sceneOf(depthSettings, lit);
+    tree.apply(update(move));
+    RendererOptions one = quiet();
+    one.samples = 1;
+    Renderer renderer(one);
+    renderer.load(tree);
+    renderer.renderBatch();
+    return renderer.image();
+  };
+  const std::vector<float> quick = batch(R"({"resolution": [32, 24], "maxDepth": 1})");
+  const std::vector<float> full = batch(settings.c_str());
+  ASSERT_NE(quick, full);
+
+  RendererOptions options = quiet();
+  options.samples = 1;
+  Renderer live(options);
+  live.load(sceneOf(settings, lit));
+  live.startLive();
+  ASSERT_TRUE(live.waitForSamples(live.state(), 1, std::chrono::seconds(30)));
+  live.submitUpdate(update(move));
+  live.applyQueuedUpdates();
+  const uint64_t moved = live.state();
+  ASSERT_TRUE(live.waitForImage(moved, std::chrono::seconds(30)));
+  int samples = -1;
+  const std::vector<float> first = live.image(nullptr, &samples);
+  // The full pass may already have replaced the quick image.
+  EXPECT_EQ(first, samples == 0 ? quick : full) << samples;
+  ASSERT_TRUE(live.waitForSamples(moved, 1, std::chrono::seconds(30)));
+  EXPECT_EQ(live.image(), full);
+  live.stopLive();
+}
+
 // Updates from several threads while a pass runs: one apply takes them all,
 // each thread's in its own order.
 TEST_F(LiveRender, NoUpdateIsLostDuringAPass) {

@@ -16,57 +16,57 @@ uint64_t mix(uint64_t z) {
   return z ^ (z >> 31);
 }
 
-struct Hit {
-  bool found = false;
-  Vec3 point, geometricNormal, shadingNormal;
-  unsigned geometry = 0;
-};
+void fillRay(RTCRay& ray, const Vec3& origin, const Vec3& direction, float tnear, float tfar) {
+  ray.org_x = origin.x; ray.org_y = origin.y; ray.org_z = origin.z;
+  ray.dir_x = direction.x; ray.dir_y = direction.y; ray.dir_z = direction.z;
+  ray.tnear = tnear;
+  ray.tfar = tfar;
+  ray.time = 0;
+  ray.mask = 0xffffffffu;
+  ray.id = 0;
+  ray.flags = 0;
+}
 
-Hit intersect(const RenderScene& scene, const Vec3& origin, const Vec3& direction, float tnear,
-              float tfar) {
+Hit intersectRay(const RenderScene& scene, const Vec3& origin, const Vec3& direction,
+                 float tnear, float tfar) {
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   RTCRayHit rh;
-  rh.ray.org_x = origin.x; rh.ray.org_y = origin.y; rh.ray.org_z = origin.z;
-  rh.ray.dir_x = direction.x; rh.ray.dir_y = direction.y; rh.ray.dir_z = direction.z;
-  rh.ray.tnear = tnear;
-  rh.ray.tfar = tfar;
-  rh.ray.time = 0;
-  rh.ray.mask = 0xffffffffu;
-  rh.ray.id = 0;
-  rh.ray.flags = 0;
+  fillRay(rh.ray, origin, direction, tnear, tfar);
   rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
   rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
   rtcIntersect1(scene.geometry->scene, &context, &rh);
   Hit hit;
   if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) return hit;
   hit.found = true;
+  hit.distance = rh.ray.tfar;
+  hit.rawNormal = Vec3(rh.hit.Ng_x, rh.hit.Ng_y, rh.hit.Ng_z);
   hit.geometry = rh.hit.geomID;
-  hit.point = origin + direction * rh.ray.tfar;
-  hit.geometricNormal = normalize(Vec3(rh.hit.Ng_x, rh.hit.Ng_y, rh.hit.Ng_z));
-  hit.shadingNormal = hit.geometricNormal;
-  const MeshShading& shading = scene.geometry->meshes[rh.hit.geomID];
-  if (!shading.cornerNormals.empty()) {
-    const Vec3* corner = &shading.cornerNormals[3 * size_t(rh.hit.primID)];
-    const float u = rh.hit.u, v = rh.hit.v;
-    const Vec3 n = corner[0] * (1 - u - v) + corner[1] * u + corner[2] * v;
-    if (dot(n, n) > 0) hit.shadingNormal = normalize(n);
-  }
+  hit.primitive = rh.hit.primID;
+  hit.u = rh.hit.u;
+  hit.v = rh.hit.v;
   return hit;
+}
+
+// Unit geometric and interpolated shading normals, both facing `wo`.
+void facingNormals(const RenderScene& scene, const Hit& hit, const Vec3& wo, Vec3& ng, Vec3& n) {
+  ng = normalize(hit.rawNormal);
+  n = ng;
+  const MeshShading& shading = scene.geometry->meshes[hit.geometry];
+  if (!shading.cornerNormals.empty()) {
+    const Vec3* corner = &shading.cornerNormals[3 * size_t(hit.primitive)];
+    const Vec3 s = corner[0] * (1 - hit.u - hit.v) + corner[1] * hit.u + corner[2] * hit.v;
+    if (dot(s, s) > 0) n = normalize(s);
+  }
+  if (dot(ng, wo) < 0) ng = -ng;
+  if (dot(n, ng) < 0) n = -n;
 }
 
 bool occluded(const RenderScene& scene, const Vec3& origin, const Vec3& direction, float tfar) {
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   RTCRay ray;
-  ray.org_x = origin.x; ray.org_y = origin.y; ray.org_z = origin.z;
-  ray.dir_x = direction.x; ray.dir_y = direction.y; ray.dir_z = direction.z;
-  ray.tnear = 0;
-  ray.tfar = tfar;
-  ray.time = 0;
-  ray.mask = 0xffffffffu;
-  ray.id = 0;
-  ray.flags = 0;
+  fillRay(ray, origin, direction, 0, tfar);
   rtcOccluded1(scene.geometry->scene, &context, &ray);
   return ray.tfar == -std::numeric_limits<float>::infinity();
 }
@@ -166,26 +166,71 @@ CameraRay cameraRay(const RenderScene& scene, float x, float y) {
   return ray;
 }
 
-Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, Random& random) {
+Hit intersect(const RenderScene& scene, const CameraRay& ray) {
+  return intersectRay(scene, ray.origin, ray.direction, ray.tnear, ray.tfar);
+}
+
+void intersectPacket(const RenderScene& scene, const CameraRay* rays, int count, Hit* hits) {
+  alignas(64) RTCRayHit16 rh;
+  alignas(64) int valid[kPacket];
+  for (int i = 0; i < kPacket; ++i) {
+    valid[i] = i < count ? -1 : 0;
+    const CameraRay& r = rays[i < count ? i : 0];
+    rh.ray.org_x[i] = r.origin.x; rh.ray.org_y[i] = r.origin.y; rh.ray.org_z[i] = r.origin.z;
+    rh.ray.dir_x[i] = r.direction.x; rh.ray.dir_y[i] = r.direction.y;
+    rh.ray.dir_z[i] = r.direction.z;
+    rh.ray.tnear[i] = r.tnear;
+    rh.ray.tfar[i] = r.tfar;
+    rh.ray.time[i] = 0;
+    rh.ray.mask[i] = 0xffffffffu;
+    rh.ray.id[i] = unsigned(i);
+    rh.ray.flags[i] = 0;
+    rh.hit.geomID[i] = RTC_INVALID_GEOMETRY_ID;
+    rh.hit.instID[0][i] = RTC_INVALID_GEOMETRY_ID;
+  }
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  rtcIntersect16(valid, scene.geometry->scene, &context, &rh);
+  for (int i = 0; i < count; ++i) {
+    Hit& hit = hits[i];
+    hit = Hit();
+    if (rh.hit.geomID[i] == RTC_INVALID_GEOMETRY_ID) continue;
+    hit.found = true;
+    hit.distance = rh.ray.tfar[i];
+    hit.rawNormal = Vec3(rh.hit.Ng_x[i], rh.hit.Ng_y[i], rh.hit.Ng_z[i]);
+    hit.geometry = rh.hit.geomID[i];
+    hit.primitive = rh.hit.primID[i];
+    hit.u = rh.hit.u[i];
+    hit.v = rh.hit.v[i];
+  }
+}
+
+Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, const Hit& first,
+              Random& random, int maxDepth) {
   Vec3 result, throughput(1, 1, 1);
   Vec3 origin = cameraRay.origin, direction = cameraRay.direction;
-  float tnear = cameraRay.tnear, tfar = cameraRay.tfar;
-  for (int depth = 0; depth < scene.settings.maxDepth; ++depth) {
-    const Hit hit = intersect(scene, origin, direction, tnear, tfar);
+  const bool sampledLights = !scene.pointLights.empty() || !scene.distantLights.empty() ||
+                             !scene.rectLights.empty();
+  Hit hit = first;
+  for (int depth = 0; depth < maxDepth; ++depth) {
+    if (depth > 0)
+      hit = intersectRay(scene, origin, direction, 0, std::numeric_limits<float>::infinity());
     if (!hit.found) {
       result += throughput * scene.dome;
       break;
     }
     const Material& m = scene.materials[hit.geometry];
     result += throughput * m.emission;
+    const bool last = depth + 1 == maxDepth;
+    // A last hit with no light to sample adds nothing more: skip its normals.
+    if (last && !sampledLights) break;
     const Vec3 wo = -direction;
-    // Shade the side the ray came from.
-    Vec3 ng = hit.geometricNormal, n = hit.shadingNormal;
-    if (dot(ng, wo) < 0) ng = -ng;
-    if (dot(n, ng) < 0) n = -n;
-    const Vec3 p = offset(hit.point, ng);
-    result += throughput * directLight(scene, p, n, wo, m, random);
-    if (depth + 1 == scene.settings.maxDepth) break;
+    Vec3 ng, n;
+    facingNormals(scene, hit, wo, ng, n);
+    const Vec3 p = offset(origin + direction * hit.distance, ng);
+    if (sampledLights) result += throughput * directLight(scene, p, n, wo, m, random);
+    if (last) break;
 
     // Cosine-weighted bounce: the Lambert term and the density cancel.
     const float u1 = random.next(), u2 = random.next();
@@ -199,8 +244,6 @@ Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, Random& rand
     if (throughput.isBlack()) break;
     origin = p;
     direction = wi;
-    tnear = 0;
-    tfar = std::numeric_limits<float>::infinity();
   }
   return result;
 }

@@ -1,5 +1,6 @@
 #include "Pass.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "Integrator.h"
@@ -17,6 +18,7 @@ struct PassWork {
   std::vector<float>& sums;
   const std::atomic<bool>& cancel;
   int tilesX;
+  int maxDepth;
   // The task library is not built with the thread sanitizer, so its own
   // hand-over is invisible to it: these two make the order of the pass's
   // writes and the caller's reads explicit.
@@ -32,15 +34,29 @@ void renderTiles(void* context, int begin, int end) {
     if (work.cancel.load(std::memory_order_relaxed)) break;
     const int x0 = (tile % work.tilesX) * kTile, y0 = (tile / work.tilesX) * kTile;
     const int x1 = std::min(x0 + kTile, width), y1 = std::min(y0 + kTile, height);
-    for (int y = y0; y < y1; ++y)
-      for (int x = x0; x < x1; ++x) {
-        Random random(uint32_t(y * width + x), uint32_t(work.sampleIndex));
-        const CameraRay ray = cameraRay(scene, x + random.next(), y + random.next());
-        const Vec3 l = radiance(scene, ray, random);
-        float* pixel = &work.sums[3 * (size_t(y) * width + x)];
-        // A sample that went wrong numerically is dropped, not smeared.
-        if (std::isfinite(l.x) && std::isfinite(l.y) && std::isfinite(l.z)) {
-          pixel[0] += l.x; pixel[1] += l.y; pixel[2] += l.z;
+    // 4x4 pixel blocks, one packet each.
+    for (int by = y0; by < y1; by += 4)
+      for (int bx = x0; bx < x1; bx += 4) {
+        CameraRay rays[kPacket];
+        Random randoms[kPacket];
+        int pixels[kPacket];
+        int count = 0;
+        for (int y = by; y < std::min(by + 4, y1); ++y)
+          for (int x = bx; x < std::min(bx + 4, x1); ++x) {
+            Random& random = randoms[count];
+            random = Random(uint32_t(y * width + x), uint32_t(work.sampleIndex));
+            rays[count] = cameraRay(scene, x + random.next(), y + random.next());
+            pixels[count++] = y * width + x;
+          }
+        Hit hits[kPacket];
+        intersectPacket(scene, rays, count, hits);
+        for (int i = 0; i < count; ++i) {
+          const Vec3 l = radiance(scene, rays[i], hits[i], randoms[i], work.maxDepth);
+          float* pixel = &work.sums[3 * size_t(pixels[i])];
+          // A sample that went wrong numerically is dropped, not smeared.
+          if (std::isfinite(l.x) && std::isfinite(l.y) && std::isfinite(l.z)) {
+            pixel[0] += l.x; pixel[1] += l.y; pixel[2] += l.z;
+          }
         }
       }
   }
@@ -50,10 +66,11 @@ void renderTiles(void* context, int begin, int end) {
 }  // namespace
 
 bool renderPass(const RenderScene& scene, int sampleIndex, std::vector<float>& sums,
-                tbb::task_arena& arena, const std::atomic<bool>& cancel) {
+                tbb::task_arena& arena, const std::atomic<bool>& cancel, int maxDepth) {
   const int tilesX = (scene.settings.width + kTile - 1) / kTile;
   const int tilesY = (scene.settings.height + kTile - 1) / kTile;
-  PassWork work{scene, sampleIndex, sums, cancel, tilesX};
+  PassWork work{scene, sampleIndex, sums, cancel, tilesX,
+                maxDepth > 0 ? maxDepth : scene.settings.maxDepth};
   work.launched.store(1, std::memory_order_release);
   forEachRange(arena, tilesX * tilesY, &renderTiles, &work);
   work.finished.load(std::memory_order_acquire);

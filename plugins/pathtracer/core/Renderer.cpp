@@ -49,6 +49,8 @@ void Renderer::startOverLocked() {
   sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
   samplesDone = 0;
   latest.clear();
+  // A deeper first pass would keep the new state off screen for longer.
+  previewPending = compiled->settings.maxDepth > kPreviewDepth;
   ++generation;
 }
 
@@ -71,9 +73,13 @@ bool Renderer::writeImage(const std::vector<float>& pixels) {
                                    "the image is not written");
     return false;
   }
+  return writeImageTo(path, compiled->settings.width, compiled->settings.height, pixels);
+}
+
+bool Renderer::writeImageTo(const std::string& path, int width, int height,
+                            const std::vector<float>& pixels) {
   std::string error;
-  if (!writeImageAtomically(path, compiled->settings.width, compiled->settings.height, pixels,
-                            error)) {
+  if (!writeImageAtomically(path, width, height, pixels, error)) {
     PT_ERROR("Cannot write image \"" << path << "\": " << error);
     return false;
   }
@@ -132,26 +138,47 @@ void Renderer::liveLoop() {
   std::unique_lock<std::mutex> lock(stateMutex);
   for (;;) {
     stateChanged.wait(lock, [&] {
-      return stopping || (!paused && samplesDone < compiled->settings.samples);
+      return stopping ||
+             (!paused && (previewPending || samplesDone < compiled->settings.samples));
     });
     if (stopping) return;
     busy = true;
     const uint64_t passGeneration = generation;
     const int sample = samplesDone;
+    const bool preview = previewPending;
     lock.unlock();
-    const bool complete = renderPass(*compiled, sample, sums, arena, cancel);
     std::vector<float> pixels;
-    if (complete) {
-      pixels = average(sample + 1);
-      if (options.writeImages) writeImage(pixels);
+    bool complete;
+    if (preview) {
+      // A cheap pass of its own buffer, shown at once and never averaged in.
+      pixels.assign(sums.size(), 0.0f);
+      complete = renderPass(*compiled, 0, pixels, arena, cancel, kPreviewDepth);
+    } else {
+      complete = renderPass(*compiled, sample, sums, arena, cancel);
+      if (complete) pixels = average(sample + 1);
     }
     lock.lock();
-    busy = false;
-    if (complete && passGeneration == generation) {
-      samplesDone = sample + 1;
-      latest = std::move(pixels);
+    const bool current = complete && passGeneration == generation;
+    if (current) {
+      if (preview) previewPending = false;
+      else samplesDone = sample + 1;
+      latest = pixels;
     }
+    // Written after the image is published and with the pass marked done, so
+    // neither a viewer nor an update waits for the file.
+    std::string path;
+    int width = 0, height = 0;
+    if (current && options.writeImages) {
+      path = outputPath();
+      width = compiled->settings.width;
+      height = compiled->settings.height;
+      if (path.empty()) writeImage(pixels);  // only warns
+    }
+    busy = false;
+    lock.unlock();
     stateChanged.notify_all();
+    if (!path.empty()) writeImageTo(path, width, height, pixels);
+    lock.lock();
   }
 }
 
@@ -206,6 +233,12 @@ bool Renderer::waitForSamples(uint64_t state, int samples, std::chrono::millisec
     return generation != state || samplesDone >= samples;
   });
   return generation == state && samplesDone >= samples;
+}
+
+bool Renderer::waitForImage(uint64_t state, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(stateMutex);
+  stateChanged.wait_for(lock, timeout, [&] { return generation != state || !latest.empty(); });
+  return generation == state && !latest.empty();
 }
 
 std::vector<float> Renderer::image(int* width, int* samples) {

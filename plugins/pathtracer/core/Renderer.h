@@ -58,8 +58,11 @@ class Renderer {
   // Waits until the image of `state` holds at least `samples` samples per
   // pixel; false on time-out or when the state has moved on.
   bool waitForSamples(uint64_t state, int samples, std::chrono::milliseconds timeout);
+  // Waits until the current state has an image at all, the quick first one
+  // included; false on time-out or when the state has moved on.
+  bool waitForImage(uint64_t state, std::chrono::milliseconds timeout);
   // The last complete image of the current state, width * height * 3, and
-  // its samples per pixel.
+  // its samples per pixel (0 for the quick first image).
   std::vector<float> image(int* width = nullptr, int* samples = nullptr);
   const SceneTree& tree() const { return sceneTree; }
   const RenderScene& scene() const { return *compiled; }
@@ -72,6 +75,8 @@ class Renderer {
   void startOverLocked();  // a new state with an empty image; stateMutex held
   std::vector<float> average(int samples) const;
   bool writeImage(const std::vector<float>& pixels);
+  bool writeImageTo(const std::string& path, int width, int height,
+                    const std::vector<float>& pixels);
 
   RendererOptions options;
   RTCDevice device = nullptr;
@@ -94,6 +99,9 @@ class Renderer {
   bool stopping = false, paused = false, busy = false;
   uint64_t generation = 0;
   int samplesDone = 0;
+  // After every start-over, one pass of direct light only comes first.
+  static constexpr int kPreviewDepth = 1;
+  bool previewPending = false;
   std::vector<float> latest;  // the image of samplesDone samples
   std::atomic<bool> cancel{false};
 };
