@@ -91,7 +91,11 @@ void LiveRenderClient::initializeSession(
   }
   registerMessage = encodeRegister(registration);
 
-  zmq = &ZmqLibrary::get();
+  try {
+    zmq = &ZmqLibrary::get();
+  } catch (const Rendering::RendererPluginError& error) {
+    throw Rendering::RendererPluginError(what + error.what());
+  }
   context = zmq->zmq_ctx_new();
   socket = zmq->zmq_socket(context, ZMQ_DEALER);
   setOption(*zmq, socket, ZMQ_LINGER, kLingerMs);
