@@ -1,73 +1,12 @@
 #include "OpTreeFiles.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <stdexcept>
-
-#include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem/operations.hpp>
-
-namespace {
-
-bool parseInt(const std::string& text, int& value) {
-  try {
-    value = std::stoi(text);
-    return true;
-  } catch (const std::invalid_argument&) {
-  } catch (const std::out_of_range&) {
-  }
-  return false;
-}
-
-std::vector<std::string> splitKeepingEmpty(const std::string& text, const char* separators) {
-  std::vector<std::string> parts;
-  boost::algorithm::split(parts, text, boost::is_any_of(separators),
-                          boost::algorithm::token_compress_off);
-  return parts;
-}
-
-}  // namespace
-
-std::vector<int> parseFrameList(const std::string& frames) {
-  std::vector<int> result;
-  for (const std::string& token : splitKeepingEmpty(frames, ",")) {
-    std::vector<std::string> bounds = splitKeepingEmpty(token, "-");
-    int first = 0;
-    int last = 0;
-    if (bounds.size() == 2 && parseInt(bounds[0], first) && parseInt(bounds[1], last)) {
-      for (long frame = first; frame <= last; ++frame) result.push_back(static_cast<int>(frame));
-      continue;
-    }
-    // Not a range: "-5" and "5-" land here and parse as single numbers.
-    int single = 0;
-    if (parseInt(token, single)) result.push_back(single);
-  }
-  return result;
-}
-
-std::string formatFrameNumber(int frame) {
-  char digits[24];
-  snprintf(digits, sizeof digits, "%lld", std::llabs(static_cast<long long>(frame)));
-  std::string text(digits);
-  if (text.size() < 6) text.insert(0, 6 - text.size(), '0');
-  if (frame < 0) text += 'n';
-  return text;
-}
 
 std::vector<std::string> expandOpTreeFiles(const std::string& pattern, const std::string& frames) {
   if (pattern.find('*') == std::string::npos) return {pattern};
   std::vector<std::string> files;
   for (int frame : parseFrameList(frames)) {
-    const std::string number = formatFrameNumber(frame);
-    std::string name;
-    for (char c : pattern) {
-      if (c == '*') {
-        name += number;
-      } else {
-        name += c;
-      }
-    }
+    const std::string name = Arbolite3::Base::substituteFrame(pattern, frame);
     if (boost::filesystem::status(boost::filesystem::path(name)).type() ==
         boost::filesystem::regular_file) {
       files.push_back(name);

@@ -5,12 +5,10 @@
 #include <string>
 #include <vector>
 
-// Frames of a list text: comma-separated integers and "a-b" ranges, in order,
-// duplicates kept; tokens that do not parse are dropped.
-std::vector<int> parseFrameList(const std::string& frames);
+#include "base/FrameList.h"
 
-// Frame 7 gives "000007", -3 gives "000003n", 1234567 gives "1234567".
-std::string formatFrameNumber(int frame);
+using Arbolite3::Base::formatFrameNumber;
+using Arbolite3::Base::parseFrameList;
 
 // A pattern without "*" comes back alone, unchecked. Otherwise each frame
 // replaces every "*", and only names of regular files are kept. A file-system

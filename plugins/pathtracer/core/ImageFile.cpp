@@ -1,0 +1,73 @@
+#include "ImageFile.h"
+
+#include <unistd.h>
+
+#include <OpenImageIO/imageio.h>
+#include <cmath>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace pathtracer {
+
+namespace {
+
+std::string lowerExtension(const std::string& path) {
+  const size_t dot = path.rfind('.');
+  const size_t slash = path.rfind('/');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
+  std::string ext = path.substr(dot);
+  for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return ext;
+}
+
+unsigned char toSrgb8(float linear) {
+  const float c = linear <= 0 ? 0 : (linear >= 1 ? 1 : linear);
+  const float s = c <= 0.0031308f ? 12.92f * c : 1.055f * std::pow(c, 1 / 2.4f) - 0.055f;
+  return static_cast<unsigned char>(s * 255.0f + 0.5f);
+}
+
+}  // namespace
+
+bool writeImageAtomically(const std::string& path, int width, int height,
+                          const std::vector<float>& rgb, std::string& error) {
+  const std::string ext = lowerExtension(path);
+  if (ext.empty()) {
+    error = "the output path has no file extension to choose the format by";
+    return false;
+  }
+  // Same folder (so the rename stays on one file system), same extension (so
+  // the writer picks the same format), a name no other process uses.
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  static std::atomic<unsigned> serial{0};
+  const std::string temp = folder + ".pathtracer-" + std::to_string(getpid()) + "-" +
+                           std::to_string(serial++) + ext;
+
+  auto out = OIIO::ImageOutput::create(temp);
+  if (!out) {
+    error = "no image writer for \"" + ext + "\": " + OIIO::geterror();
+    return false;
+  }
+  const bool floating = ext == ".exr" || ext == ".hdr" || ext == ".tif" || ext == ".tiff";
+  OIIO::ImageSpec spec(width, height, 3, floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
+  bool ok = out->open(temp, spec);
+  if (ok && floating) {
+    ok = out->write_image(OIIO::TypeDesc::FLOAT, rgb.data());
+  } else if (ok) {
+    std::vector<unsigned char> bytes(rgb.size());
+    for (size_t i = 0; i < rgb.size(); ++i) bytes[i] = toSrgb8(rgb[i]);
+    ok = out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
+  }
+  if (!ok) error = out->geterror();
+  ok = out->close() && ok;
+  if (ok && std::rename(temp.c_str(), path.c_str()) != 0) {
+    error = std::string("cannot rename into place: ") + std::strerror(errno);
+    ok = false;
+  }
+  if (!ok) std::remove(temp.c_str());
+  return ok;
+}
+
+}  // namespace pathtracer

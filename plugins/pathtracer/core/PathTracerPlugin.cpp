@@ -1,0 +1,98 @@
+// The plug-in table of the path tracer. The thin library registered in
+// plugins/Libs loads this one on the first `create` and forwards every slot.
+#include <cstring>
+#include <sstream>
+
+#include "AttributeValues.h"
+#include "Log.h"
+#include "Renderer.h"
+#include "XoRendererPlugin/XoRendererPluginClass.h"
+
+namespace pathtracer {
+
+using Arbolite3::internal::XoScenegraphIterator;
+
+namespace {
+
+RendererOptions optionsFrom(const GroupAttribute& arguments) {
+  RendererOptions options;
+  options.threads = std::atoi(text(arguments.getChildByName("threads"), "0").c_str());
+  options.samples = std::atoi(text(arguments.getChildByName("samples"), "0").c_str());
+  options.output = text(arguments.getChildByName("outputImage"));
+  return options;
+}
+
+}  // namespace
+
+class PathTracerPlugin : public Rendering::XoRendererPluginBase {
+ public:
+  PathTracerPlugin(XoSgIteratorStruct* scene, XoAttributeStruct* arguments)
+      : iterator(XoScenegraphIterator::fromHandle(scene)),
+        live(text(GroupAttribute(Attribute::fromHandle(arguments))
+                      .getChildByName("renderMethodType")) == "liveRender"),
+        renderer(optionsFrom(GroupAttribute(Attribute::fromHandle(arguments)))) {}
+
+  int32_t setSceneIterator(XoSgIteratorStruct* scene) {
+    iterator = XoScenegraphIterator::fromHandle(scene);
+    return 0;
+  }
+
+  // A batch render is over when this returns; a live one only loads here.
+  int32_t start() {
+    if (!iterator.isValid()) {
+      PT_ERROR("No scene to render");
+      return -1;
+    }
+    renderer.load(SceneTree::fromIterator(iterator));
+    if (live) return 0;
+    return renderer.renderBatch() ? 0 : -1;
+  }
+
+  int32_t startLiveEditing() {
+    renderer.startLive();
+    return 0;
+  }
+  int32_t stopLiveEditing() {
+    renderer.stopLive();
+    return 0;
+  }
+  int32_t stop() {
+    renderer.stopLive();
+    return 0;
+  }
+  int32_t teardown() {
+    renderer.stopLive();
+    return 0;
+  }
+
+  int32_t submitUpdate(XoAttributeStruct* update) {
+    const GroupAttribute group(Attribute::fromHandle(update));
+    if (!group.isValid()) {
+      PT_ERROR("Update ignored: not a group attribute");
+      return -1;
+    }
+    renderer.submitUpdate(group);
+    return 0;
+  }
+  bool hasQueuedUpdates() { return renderer.hasQueuedUpdates(); }
+  int32_t applyQueuedUpdates() {
+    renderer.applyQueuedUpdates();
+    return 0;
+  }
+  int32_t handleControlCommand(const char* command) {
+    PT_WARN("Unknown control command \"" << std::string(command, strnlen(command, 256))
+                                         << "\" ignored");
+    return 0;
+  }
+
+ private:
+  XoScenegraphIterator iterator;
+  const bool live;
+  Renderer renderer;  // last: its threads stop before the rest goes
+};
+
+}  // namespace pathtracer
+
+extern "C" XO_PLUGIN_EXPORT const XoRendererPluginSuite* KindletPathTracerSuite(void) {
+  return Rendering::XoRendererPluginSuiteFor<pathtracer::PathTracerPlugin>();
+}

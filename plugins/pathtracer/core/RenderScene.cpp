@@ -1,0 +1,342 @@
+#include "RenderScene.h"
+
+#include <cmath>
+#include <set>
+#include <sstream>
+
+#include "AttributeValues.h"
+#include "Log.h"
+
+namespace pathtracer {
+
+using namespace Arbolite3::internal::XoAttribute;
+
+namespace {
+
+// Every attribute the renderer reads, by location type, as dotted paths.
+const std::set<std::string>& knownAttributes(const std::string& type) {
+  static const std::map<std::string, std::set<std::string>> known = {
+      {"root", {"renderSettings.camera", "renderSettings.resolution", "renderSettings.samples",
+                "renderSettings.maxDepth", "renderSettings.frame", "renderSettings.output"}},
+      {"group", {}},
+      {"camera", {"geometry.projection", "geometry.fov", "geometry.near", "geometry.far",
+                  "geometry.orthographicWidth"}},
+      {"light", {"material.lightShader", "material.params.color", "material.params.intensity",
+                 "material.params.exposure", "material.params.width", "material.params.height",
+                 "mute"}},
+      {"polymesh", {"geometry.point.P", "geometry.point.N", "geometry.poly.vertexList",
+                    "geometry.poly.startIndex", "geometry.poly.faceCounts", "geometry.file",
+                    "material.params.baseColor", "material.params.roughness",
+                    "material.params.emissionColor", "material.params.emissionIntensity"}},
+      {"material", {"surfaceShader", "params.baseColor", "params.roughness",
+                    "params.emissionColor", "params.emissionIntensity"}},
+  };
+  static const std::set<std::string> none;
+  auto found = known.find(type);
+  return found == known.end() ? none : found->second;
+}
+
+bool knownEverywhere(const std::string& path) {
+  return path == "xform.translate" || path == "xform.rotate" || path == "xform.scale" ||
+         path == "material.assign";
+}
+
+void reportUnknownAttributes(const GroupAttribute& group, const std::string& prefix,
+                             const std::string& type, const std::string& where,
+                             OnceReporter& reporter) {
+  for (size_t i = 0; i < group.getNumberOfChildren(); ++i) {
+    const std::string path = prefix + group.getChildName(i);
+    const GroupAttribute child(group.getChildByIndex(i));
+    if (child.isValid()) {
+      reportUnknownAttributes(child, path + ".", type, where, reporter);
+    } else if (!knownEverywhere(path) && !knownAttributes(type).count(path)) {
+      reporter.warnOnce("attribute " + type + " " + path,
+                        "Unknown attribute \"" + path + "\" on " + type + " locations (first at " +
+                            where + "); ignored");
+    }
+  }
+}
+
+Vec3 vec3(const Attribute& attr, const Vec3& fallback) {
+  const std::vector<double> v = numbers(attr);
+  if (v.size() >= 3) return Vec3(float(v[0]), float(v[1]), float(v[2]));
+  if (v.size() == 1) return Vec3(float(v[0]), float(v[0]), float(v[0]));
+  return fallback;
+}
+
+Transform localTransform(const GroupAttribute& attrs) {
+  Transform t;
+  const std::vector<double> tr = numbers(attrs.getChildByName("xform.translate"));
+  if (tr.size() >= 3) t = Transform::translate(tr[0], tr[1], tr[2]);
+  const std::vector<double> r = numbers(attrs.getChildByName("xform.rotate"));
+  if (r.size() >= 3)
+    t = t * Transform::rotate(2, r[2]) * Transform::rotate(1, r[1]) * Transform::rotate(0, r[0]);
+  const std::vector<double> s = numbers(attrs.getChildByName("xform.scale"));
+  if (s.size() >= 3) t = t * Transform::scale(s[0], s[1], s[2]);
+  else if (s.size() == 1) t = t * Transform::scale(s[0], s[0], s[0]);
+  return t;
+}
+
+Material materialFrom(const GroupAttribute& params, Material m) {
+  if (!params.isValid()) return m;
+  m.albedo = vec3(params.getChildByName("baseColor"), m.albedo);
+  m.roughness = float(number(params.getChildByName("roughness"), m.roughness));
+  const Vec3 emission = vec3(params.getChildByName("emissionColor"), Vec3(0, 0, 0));
+  m.emission = emission * float(number(params.getChildByName("emissionIntensity"), 1.0));
+  return m;
+}
+
+struct MeshInstance {
+  std::string path;
+  Transform toWorld;
+  Material material;
+};
+
+struct Walk {
+  const SceneTree& tree;
+  OnceReporter& reporter;
+  RenderScene& out;
+  std::vector<MeshInstance> meshes;
+  std::string firstCamera;
+  std::map<std::string, Transform> cameraTransforms;
+
+  void visit(const std::string& path, const Transform& parent, const std::string& materialPath) {
+    const Location* location = tree.find(path);
+    if (!location) return;
+    const GroupAttribute& attrs = location->attributes;
+    const std::string& type = location->type;
+    if (knownAttributes(type).empty() && type != "group" && type != "root")
+      reporter.warnOnce("type " + type, "Unknown location type \"" + type + "\" (first at " +
+                                            path + "); its children are still rendered");
+    else
+      reportUnknownAttributes(attrs, "", type, path, reporter);
+    const Transform world = parent * localTransform(attrs);
+    const std::string assigned = text(attrs.getChildByName("material.assign"), materialPath);
+
+    if (type == "camera") {
+      cameraTransforms[path] = world;
+      if (firstCamera.empty()) firstCamera = path;
+    } else if (type == "light") {
+      addLight(path, attrs, world);
+    } else if (type == "polymesh") {
+      meshes.push_back({path, world, resolveMaterial(assigned, attrs)});
+    }
+    for (const std::string& child : location->children) visit(child, world, assigned);
+  }
+
+  Material resolveMaterial(const std::string& assigned, const GroupAttribute& attrs) {
+    Material m;
+    if (!assigned.empty()) {
+      const Location* material = tree.find(assigned);
+      if (material && material->type == "material")
+        m = materialFrom(GroupAttribute(material->attributes.getChildByName("params")), m);
+      else
+        reporter.warnOnce("material " + assigned,
+                          "Material \"" + assigned + "\" is not a material location; using grey");
+    }
+    return materialFrom(GroupAttribute(attrs.getChildByName("material.params")), m);
+  }
+
+  void addLight(const std::string& path, const GroupAttribute& attrs, const Transform& world) {
+    if (number(attrs.getChildByName("mute"), 0) != 0) return;
+    const std::string shader = text(attrs.getChildByName("material.lightShader"), "pointLight");
+    const GroupAttribute params(attrs.getChildByName("material.params"));
+    const Vec3 color = vec3(params.getChildByName("color"), Vec3(1, 1, 1));
+    const float scale = float(number(params.getChildByName("intensity"), 1.0) *
+                              std::exp2(number(params.getChildByName("exposure"), 0.0)));
+    const Vec3 emitted = color * scale;
+    if (shader == "pointLight") {
+      out.pointLights.push_back({world.point(Vec3(0, 0, 0)), emitted});
+    } else if (shader == "distantLight") {
+      out.distantLights.push_back({normalize(-world.vector(Vec3(0, 0, -1))), emitted});
+    } else if (shader == "rectLight") {
+      const float w = float(number(params.getChildByName("width"), 1.0));
+      const float h = float(number(params.getChildByName("height"), 1.0));
+      RectLight rect;
+      rect.corner = world.point(Vec3(-w / 2, -h / 2, 0));
+      rect.edgeU = world.vector(Vec3(w, 0, 0));
+      rect.edgeV = world.vector(Vec3(0, h, 0));
+      rect.normal = world.normal(Vec3(0, 0, -1));
+      rect.area = length(cross(rect.edgeU, rect.edgeV));
+      rect.radiance = emitted;
+      if (rect.area > 0) out.rectLights.push_back(rect);
+    } else if (shader == "domeLight") {
+      out.dome += emitted;
+    } else {
+      reporter.warnOnce("lightShader " + shader, "Unknown light shader \"" + shader +
+                                                     "\" (first at " + path + "); light ignored");
+    }
+  }
+};
+
+// The triangles of a polymesh location, in its own space.
+bool meshOfLocation(const GroupAttribute& attrs, const std::string& path, MeshCache& cache,
+                    TriangleMesh& mesh, std::shared_ptr<const TriangleMesh>& fromFile) {
+  const std::string file = text(attrs.getChildByName("geometry.file"));
+  if (!file.empty()) {
+    fromFile = cache.get(file);
+    return fromFile != nullptr;
+  }
+  const std::vector<double> p = numbers(attrs.getChildByName("geometry.point.P"));
+  const std::vector<double> n = numbers(attrs.getChildByName("geometry.point.N"));
+  const std::vector<double> vertexList = numbers(attrs.getChildByName("geometry.poly.vertexList"));
+  std::vector<double> starts = numbers(attrs.getChildByName("geometry.poly.startIndex"));
+  const std::vector<double> counts = numbers(attrs.getChildByName("geometry.poly.faceCounts"));
+  if (starts.empty()) {
+    starts.push_back(0);
+    if (counts.empty())
+      for (size_t i = 3; i <= vertexList.size(); i += 3) starts.push_back(double(i));
+    for (double c : counts) starts.push_back(starts.back() + c);
+  }
+  const size_t pointCount = p.size() / 3;
+  for (size_t i = 0; i < pointCount; ++i)
+    mesh.points.emplace_back(float(p[3 * i]), float(p[3 * i + 1]), float(p[3 * i + 2]));
+  if (n.size() == p.size())
+    for (size_t i = 0; i < pointCount; ++i)
+      mesh.normals.emplace_back(float(n[3 * i]), float(n[3 * i + 1]), float(n[3 * i + 2]));
+  for (size_t f = 0; f + 1 < starts.size(); ++f) {
+    const size_t begin = size_t(starts[f]), end = size_t(starts[f + 1]);
+    if (end > vertexList.size() || begin > end) {
+      PT_ERROR("Mesh " << path << ": face " << f << " runs past the vertex list; mesh skipped");
+      return false;
+    }
+    for (size_t k = begin + 1; k + 1 < end; ++k)  // a fan over each polygon
+      for (size_t v : {begin, k, k + 1}) {
+        if (vertexList[v] < 0 || vertexList[v] >= double(pointCount)) {
+          PT_ERROR("Mesh " << path << ": vertex index " << vertexList[v]
+                           << " outside its points; mesh skipped");
+          return false;
+        }
+        mesh.indices.push_back(unsigned(vertexList[v]));
+      }
+  }
+  return true;
+}
+
+std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
+                                              const std::vector<MeshInstance>& instances,
+                                              RTCDevice device, MeshCache& cache) {
+  auto geometry = std::make_shared<Geometry>();
+  geometry->scene = rtcNewScene(device);
+  for (const MeshInstance& instance : instances) {
+    TriangleMesh own;
+    std::shared_ptr<const TriangleMesh> fromFile;
+    if (!meshOfLocation(tree.find(instance.path)->attributes, instance.path, cache, own, fromFile))
+      continue;
+    const TriangleMesh& mesh = fromFile ? *fromFile : own;
+    if (mesh.indices.empty()) continue;
+    RTCGeometry g = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+    auto* vertices = static_cast<float*>(rtcSetNewGeometryBuffer(
+        g, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 3 * sizeof(float), mesh.points.size()));
+    for (size_t i = 0; i < mesh.points.size(); ++i) {
+      const Vec3 w = instance.toWorld.point(mesh.points[i]);
+      vertices[3 * i] = w.x; vertices[3 * i + 1] = w.y; vertices[3 * i + 2] = w.z;
+    }
+    auto* indices = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
+        g, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(unsigned), mesh.triangleCount()));
+    std::copy(mesh.indices.begin(), mesh.indices.end(), indices);
+    rtcCommitGeometry(g);
+    const unsigned id = rtcAttachGeometry(geometry->scene, g);
+    rtcReleaseGeometry(g);
+    if (geometry->meshes.size() <= id) geometry->meshes.resize(id + 1);
+    MeshShading& shading = geometry->meshes[id];
+    shading.path = instance.path;
+    if (!mesh.normals.empty()) {
+      std::vector<Vec3> world;
+      for (const Vec3& normal : mesh.normals) world.push_back(instance.toWorld.normal(normal));
+      for (unsigned index : mesh.indices) shading.cornerNormals.push_back(world[index]);
+    }
+    geometry->triangles += mesh.triangleCount();
+  }
+  rtcCommitScene(geometry->scene);
+  return geometry;
+}
+
+}  // namespace
+
+Geometry::~Geometry() {
+  if (scene) rtcReleaseScene(scene);
+}
+
+RenderScene::~RenderScene() = default;
+
+size_t RenderScene::triangleCount() const { return geometry ? geometry->triangles : 0; }
+
+std::string outputPathForFrame(const std::string& pattern, int frame) {
+  std::string out;
+  for (size_t i = 0; i < pattern.size();) {
+    if (pattern[i] != '#') {
+      out += pattern[i++];
+      continue;
+    }
+    size_t run = 0;
+    while (i < pattern.size() && pattern[i] == '#') ++run, ++i;
+    std::string digits = std::to_string(frame < 0 ? -frame : frame);
+    if (digits.size() < run) digits.insert(0, run - digits.size(), '0');
+    out += (frame < 0 ? "-" : "") + digits;
+  }
+  return out;
+}
+
+std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice device,
+                                          MeshCache& meshes, OnceReporter& reporter,
+                                          const RenderScene* previous, bool reuseGeometry) {
+  auto scene = std::make_unique<RenderScene>();
+  const Location* root = tree.find(tree.rootPath());
+  if (!root) {
+    scene->geometry = buildGeometry(tree, {}, device, meshes);
+    return scene;
+  }
+
+  const GroupAttribute settings(root->attributes.getChildByName("renderSettings"));
+  RenderSettings& s = scene->settings;
+  const std::vector<double> resolution = numbers(settings.getChildByName("resolution"));
+  if (resolution.size() >= 2 && resolution[0] >= 1 && resolution[1] >= 1) {
+    s.width = int(resolution[0]);
+    s.height = int(resolution[1]);
+  }
+  s.samples = std::max(1, int(number(settings.getChildByName("samples"), s.samples)));
+  s.maxDepth = std::max(1, int(number(settings.getChildByName("maxDepth"), s.maxDepth)));
+  s.frame = int(number(settings.getChildByName("frame"), s.frame));
+  s.output = text(settings.getChildByName("output"));
+
+  Walk walk{tree, reporter, *scene, {}, {}, {}};
+  walk.visit(tree.rootPath(), Transform(), std::string());
+
+  std::string cameraPath = text(settings.getChildByName("camera"), walk.firstCamera);
+  if (!walk.cameraTransforms.count(cameraPath)) {
+    reporter.warnOnce("camera " + cameraPath,
+                      "No camera location \"" + cameraPath + "\"; using the first camera or, "
+                      "without one, a camera at the origin looking down -Z");
+    cameraPath = walk.firstCamera;
+  }
+  if (!cameraPath.empty()) {
+    const GroupAttribute attrs = tree.find(cameraPath)->attributes;
+    Camera& c = scene->camera;
+    c.toWorld = walk.cameraTransforms[cameraPath];
+    c.position = c.toWorld.point(Vec3(0, 0, 0));
+    c.right = c.toWorld.vector(Vec3(1, 0, 0));
+    c.up = c.toWorld.vector(Vec3(0, 1, 0));
+    c.forward = c.toWorld.vector(Vec3(0, 0, 1));
+    c.orthographic = text(attrs.getChildByName("geometry.projection")) == "orthographic";
+    c.fovDegrees = float(number(attrs.getChildByName("geometry.fov"), c.fovDegrees));
+    c.tanHalfFov = std::tan(c.fovDegrees * float(M_PI) / 360.0f);
+    c.orthographicWidth =
+        float(number(attrs.getChildByName("geometry.orthographicWidth"), c.orthographicWidth));
+    c.nearClip = float(number(attrs.getChildByName("geometry.near"), c.nearClip));
+    c.farClip = float(number(attrs.getChildByName("geometry.far"), c.farClip));
+  }
+
+  if (reuseGeometry && previous && previous->geometry)
+    scene->geometry = previous->geometry;
+  else
+    scene->geometry = buildGeometry(tree, walk.meshes, device, meshes);
+  // Materials are looked up by Embree geometry id.
+  std::map<std::string, Material> byPath;
+  for (const MeshInstance& m : walk.meshes) byPath[m.path] = m.material;
+  for (const MeshShading& shading : scene->geometry->meshes)
+    scene->materials.push_back(byPath.count(shading.path) ? byPath[shading.path] : Material());
+  return scene;
+}
+
+}  // namespace pathtracer

@@ -1,0 +1,95 @@
+// What one pass traces: the camera, the lights, the materials and the Embree
+// scene, compiled from a SceneTree. Immutable while passes run.
+#pragma once
+
+#include <embree3/rtcore.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Math.h"
+#include "MeshFile.h"
+#include "SceneTree.h"
+
+namespace pathtracer {
+
+class OnceReporter;
+
+struct Camera {
+  Transform toWorld;  // looks down -Z, +Y up
+  bool orthographic = false;
+  float fovDegrees = 45.0f;  // across the shorter image side
+  float tanHalfFov = 0.41421356f;
+  // toWorld's origin and axes (local X, Y, Z), for fast ray set-up.
+  Vec3 position, right{1, 0, 0}, up{0, 1, 0}, forward{0, 0, 1};
+  float orthographicWidth = 2.0f;  // likewise
+  float nearClip = 0.0f;
+  float farClip = 1e30f;
+};
+
+struct PointLight { Vec3 position; Vec3 intensity; };
+struct DistantLight { Vec3 towardLight; Vec3 irradiance; };
+struct RectLight { Vec3 corner, edgeU, edgeV, normal; Vec3 radiance; float area = 0; };
+
+struct Material {
+  Vec3 albedo{0.18f, 0.18f, 0.18f};
+  Vec3 emission;
+  float roughness = 0.0f;  // Oren-Nayar sigma in radians; 0 is Lambert
+};
+
+// Per Embree geometry: its material and, when given, per-vertex normals.
+struct MeshShading {
+  std::string path;  // the polymesh location
+  // World-space normals at the three corners of each triangle, side by side
+  // so a hit reads one place; empty for flat shading.
+  std::vector<Vec3> cornerNormals;
+};
+
+struct RenderSettings {
+  int width = 640, height = 480;
+  int samples = 16;
+  int maxDepth = 5;
+  int frame = 1;
+  std::string output;  // '#' runs become the zero-padded frame number
+};
+
+class RenderScene {
+ public:
+  RenderScene() = default;
+  ~RenderScene();
+  RenderScene(const RenderScene&) = delete;
+  RenderScene& operator=(const RenderScene&) = delete;
+
+  RenderSettings settings;
+  Camera camera;
+  std::vector<PointLight> pointLights;
+  std::vector<DistantLight> distantLights;
+  std::vector<RectLight> rectLights;
+  Vec3 dome;
+  std::vector<Material> materials;
+  // Shared with the scene it was rebuilt from when geometry did not change.
+  std::shared_ptr<const struct Geometry> geometry;
+
+  size_t triangleCount() const;
+};
+
+struct Geometry {
+  ~Geometry();
+  RTCScene scene = nullptr;
+  std::vector<MeshShading> meshes;  // by Embree geometry id
+  size_t triangles = 0;
+};
+
+// Compiles a scene tree. `previous` lends its geometry when `reuseGeometry`
+// is true. Names the vocabulary does not know are reported once each.
+std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice device,
+                                          MeshCache& meshes, OnceReporter& reporter,
+                                          const RenderScene* previous, bool reuseGeometry);
+
+// The output path with the frame number put in place of the '#' runs.
+std::string outputPathForFrame(const std::string& pattern, int frame);
+
+}  // namespace pathtracer

@@ -1,0 +1,218 @@
+#include "Renderer.h"
+
+#include <sstream>
+
+#include "ImageFile.h"
+#include "Pass.h"
+
+namespace pathtracer {
+
+namespace {
+
+void reportDeviceError(void*, RTCError code, const char* text) {
+  PT_ERROR("Ray tracing kernel error " << int(code) << ": " << (text ? text : ""));
+}
+
+int arenaSize(int threads) {
+  return threads > 0 ? threads : tbb::task_arena::automatic;
+}
+
+}  // namespace
+
+Renderer::Renderer(RendererOptions options_)
+    : options(std::move(options_)), arena(arenaSize(options.threads)) {
+  device = rtcNewDevice(nullptr);
+  if (!device) throw std::runtime_error("cannot create a ray tracing device");
+  rtcSetDeviceErrorFunction(device, &reportDeviceError, nullptr);
+  compiled = compileScene(sceneTree, device, meshes, reporter, nullptr, false);
+}
+
+Renderer::~Renderer() {
+  stopLive();
+  compiled.reset();
+  rtcReleaseDevice(device);
+}
+
+void Renderer::load(const SceneTree& tree) {
+  sceneTree = tree;
+  recompile(false);
+  std::lock_guard<std::mutex> lock(stateMutex);
+  startOverLocked();
+}
+
+void Renderer::recompile(bool reuseGeometry) {
+  compiled = compileScene(sceneTree, device, meshes, reporter, compiled.get(), reuseGeometry);
+  if (options.samples > 0) compiled->settings.samples = options.samples;
+}
+
+void Renderer::startOverLocked() {
+  sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
+  samplesDone = 0;
+  latest.clear();
+  ++generation;
+}
+
+std::string Renderer::outputPath() const {
+  const std::string& pattern = options.output.empty() ? compiled->settings.output : options.output;
+  return pattern.empty() ? pattern : outputPathForFrame(pattern, compiled->settings.frame);
+}
+
+std::vector<float> Renderer::average(int samples) const {
+  std::vector<float> pixels(sums.size());
+  const float scale = 1.0f / float(samples);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = sums[i] * scale;
+  return pixels;
+}
+
+bool Renderer::writeImage(const std::vector<float>& pixels) {
+  const std::string path = outputPath();
+  if (path.empty()) {
+    reporter.warnOnce("no output", "No output image path (renderSettings.output or -outputImage); "
+                                   "the image is not written");
+    return false;
+  }
+  std::string error;
+  if (!writeImageAtomically(path, compiled->settings.width, compiled->settings.height, pixels,
+                            error)) {
+    PT_ERROR("Cannot write image \"" << path << "\": " << error);
+    return false;
+  }
+  return true;
+}
+
+bool Renderer::renderBatch() {
+  const RenderSettings& s = compiled->settings;
+  PT_INFO("Rendering " << s.width << "x" << s.height << ", " << s.samples
+                       << " samples per pixel, " << compiled->triangleCount() << " triangles");
+  const std::atomic<bool> never{false};
+  int reported = 0;  // in tenths
+  for (int sample = 0; sample < s.samples; ++sample) {
+    renderPass(*compiled, sample, sums, arena, never);
+    const int tenths = (sample + 1) * 10 / s.samples;
+    if (tenths > reported && sample + 1 < s.samples) {
+      reported = tenths;
+      PT_INFO("Rendered " << tenths * 10 << "%");
+    }
+  }
+  std::vector<float> pixels = average(s.samples);
+  const bool written = !options.writeImages || writeImage(pixels);
+  if (written && options.writeImages) PT_INFO("Wrote image " << outputPath());
+  {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    samplesDone = s.samples;
+    latest = std::move(pixels);
+  }
+  stateChanged.notify_all();
+  return written;
+}
+
+void Renderer::startLive() {
+  std::lock_guard<std::mutex> lock(stateMutex);
+  if (liveThread.joinable()) return;
+  stopping = false;
+  paused = false;
+  liveThread = std::thread([this] { liveLoop(); });
+}
+
+void Renderer::stopLive() {
+  {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    if (!liveThread.joinable()) return;
+    stopping = true;
+    cancel = true;
+  }
+  stateChanged.notify_all();
+  liveThread.join();
+  std::lock_guard<std::mutex> lock(stateMutex);
+  liveThread = std::thread();
+  cancel = false;
+}
+
+void Renderer::liveLoop() {
+  std::unique_lock<std::mutex> lock(stateMutex);
+  for (;;) {
+    stateChanged.wait(lock, [&] {
+      return stopping || (!paused && samplesDone < compiled->settings.samples);
+    });
+    if (stopping) return;
+    busy = true;
+    const uint64_t passGeneration = generation;
+    const int sample = samplesDone;
+    lock.unlock();
+    const bool complete = renderPass(*compiled, sample, sums, arena, cancel);
+    std::vector<float> pixels;
+    if (complete) {
+      pixels = average(sample + 1);
+      if (options.writeImages) writeImage(pixels);
+    }
+    lock.lock();
+    busy = false;
+    if (complete && passGeneration == generation) {
+      samplesDone = sample + 1;
+      latest = std::move(pixels);
+    }
+    stateChanged.notify_all();
+  }
+}
+
+void Renderer::submitUpdate(const GroupAttribute& update) {
+  std::lock_guard<std::mutex> lock(queueMutex);
+  queue.push_back(update);
+}
+
+bool Renderer::hasQueuedUpdates() {
+  std::lock_guard<std::mutex> lock(queueMutex);
+  return !queue.empty();
+}
+
+void Renderer::applyQueuedUpdates() {
+  std::vector<GroupAttribute> batch;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    batch.swap(queue);
+  }
+  if (batch.empty()) return;
+  {
+    // Stop the pass in flight: its samples belong to the old scene.
+    std::unique_lock<std::mutex> lock(stateMutex);
+    paused = true;
+    cancel = true;
+    stateChanged.wait(lock, [&] { return !busy; });
+  }
+  UpdateEffect effect;
+  for (const GroupAttribute& update : batch) {
+    const UpdateEffect one = sceneTree.apply(update);
+    effect.geometryChanged |= one.geometryChanged;
+    effect.anythingChanged |= one.anythingChanged;
+  }
+  if (effect.anythingChanged) recompile(!effect.geometryChanged);
+  {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    startOverLocked();
+    cancel = false;
+    paused = false;
+  }
+  stateChanged.notify_all();
+}
+
+uint64_t Renderer::state() {
+  std::lock_guard<std::mutex> lock(stateMutex);
+  return generation;
+}
+
+bool Renderer::waitForSamples(uint64_t state, int samples, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(stateMutex);
+  stateChanged.wait_for(lock, timeout, [&] {
+    return generation != state || samplesDone >= samples;
+  });
+  return generation == state && samplesDone >= samples;
+}
+
+std::vector<float> Renderer::image(int* width, int* samples) {
+  std::lock_guard<std::mutex> lock(stateMutex);
+  if (width) *width = compiled->settings.width;
+  if (samples) *samples = samplesDone;
+  return latest;
+}
+
+}  // namespace pathtracer

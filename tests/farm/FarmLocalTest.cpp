@@ -1,0 +1,188 @@
+// kindlet-farm in local mode, run from the installed root with the recording
+// renderer: which frames rendered how often (the record file tells), retries,
+// the table and the exit status.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+#include "ChunkStatus.h"
+#include "Job.h"
+#include "KindletTestSupport.h"
+
+using kindlettest::TempDir;
+
+namespace {
+
+std::string farmPath() { return kindlettest::testRoot() + "/bin/kindlet-farm"; }
+
+// Frames whose scene's only child names them ("/root(f7)").
+void writeFrames(const TempDir& dir, int count, int malformed = 0) {
+  for (int frame = 1; frame <= count; ++frame) {
+    char name[64];
+    snprintf(name, sizeof name, "shot.%06d.optree.json", frame);
+    dir.write(name, frame == malformed ? "{ not json"
+                                       : "{\"optree\": 1, \"root\": {\"type\": \"root\", \"children\": "
+                                         "[{\"name\": \"f" + std::to_string(frame) + "\"}]}}");
+  }
+}
+
+// Completed renders (start, then stop) per frame, over every kindlet that
+// wrote to the file; each is told apart by its main thread's id.
+std::map<int, int> completedRenders(const std::string& recordFile) {
+  std::map<long, int> sceneOf;
+  std::map<long, bool> started;
+  std::map<int, int> done;
+  const std::regex scene("/root\\(f(\\d+)\\).*");
+  for (const auto& line : kindlettest::readRecordFile(recordFile)) {
+    std::smatch match;
+    if ((line.slot == "create" || line.slot == "setSceneIterator") && std::regex_match(line.details, match, scene))
+      sceneOf[line.tid] = std::stoi(match[1]);
+    if (line.slot == "start") started[line.tid] = true;
+    if (line.slot == "stop" && started[line.tid]) {
+      started[line.tid] = false;
+      ++done[sceneOf[line.tid]];
+    }
+  }
+  return done;
+}
+
+std::vector<std::string> farmArguments(const TempDir& dir, const std::vector<std::string>& farmOptions,
+                                       const std::string& frames, const std::string& extra = "0") {
+  std::vector<std::string> arguments{farmPath(), "--job-dir", dir.file("job")};
+  arguments.insert(arguments.end(), farmOptions.begin(), farmOptions.end());
+  arguments.insert(arguments.end(),
+                   {"--", "-selvaneRoot", kindlettest::testRoot(), "-tempDir", dir.path(), "-renderer", "recording",
+                    "-renderMethodName", "diskRender", "-arbolite3OpTree", dir.file("shot.*.optree.json"), "-t",
+                    frames, "-recordFile", dir.file("record.txt"), "-startDelayMs", extra});
+  return arguments;
+}
+
+// The table row of a frame, as its words.
+std::vector<std::string> row(const std::string& out, int frame) {
+  for (const std::string& line : kindlettest::splitLines(out)) {
+    std::istringstream words(line);
+    std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
+    if (!fields.empty() && fields[0] == std::to_string(frame)) return fields;
+  }
+  return {};
+}
+
+}  // namespace
+
+TEST(FarmLocal, EveryFrameOnceAFailingChunkRetriedAndReported) {
+  TempDir dir;
+  writeFrames(dir, 9, 5);  // frame 5 can't be read: its chunk (5, 6) fails every time
+  const auto result = kindlettest::run(
+      farmPath(), farmArguments(dir, {"--chunk-size", "2", "--parallel", "3", "--retries", "2"}, "1-10,3"));
+  EXPECT_EQ(result.exitStatus, 1) << result.err;
+
+  const std::map<int, int> expected{{1, 1}, {2, 1}, {3, 1}, {4, 1}, {7, 1}, {8, 1}, {9, 1}};
+  EXPECT_EQ(completedRenders(dir.file("record.txt")), expected);
+  const std::vector<std::pair<int, std::vector<std::string>>> rows = {
+      {1, {"1", "rendered"}}, {5, {"5", "failed"}}, {6, {"6", "failed"}}, {10, {"10", "missing"}}};
+  for (const auto& entry : rows) {
+    const auto fields = row(result.out, entry.first);
+    ASSERT_GE(fields.size(), 6u) << result.out;
+    EXPECT_EQ(fields[0], entry.second[0]);
+    EXPECT_EQ(fields[1], entry.second[1]);
+  }
+  EXPECT_EQ(row(result.out, 5).at(4), "255");  // kindlet's status
+  EXPECT_EQ(row(result.out, 5).at(5), "3");    // attempts
+  EXPECT_EQ(row(result.out, 1).at(4), "0");
+  EXPECT_NE(result.out.find("7 of 10 frames rendered, 2 failed, 1 missing"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("Cost from 7 analytics reports"), std::string::npos);  // one per kindlet run
+}
+
+TEST(FarmLocal, KilledKindletIsRetriedForTheFramesItHadNotRendered) {
+  TempDir dir;
+  writeFrames(dir, 6);
+  const std::string firstAttempt = Farm::chunkAttemptDir(dir.file("job"), 0, 1);
+  bool killed = false;
+  // Kills the first chunk's kindlet once it has rendered a frame.
+  auto killOnce = [&] {
+    Farm::ChunkStatus status;
+    if (killed || !Farm::readChunkStatus(firstAttempt, status) || !status.frames[0].rendered) return false;
+    const std::string command = "pkill -KILL -P " + std::to_string(status.controlPid);
+    killed = system(command.c_str()) == 0;
+    return false;
+  };
+  const auto result = kindlettest::run(
+      farmPath(), farmArguments(dir, {"--chunk-size", "3", "--parallel", "2"}, "1-6", "400"), {},
+      std::chrono::seconds(90), killOnce);
+  ASSERT_TRUE(killed);
+  EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+  EXPECT_EQ(completedRenders(dir.file("record.txt")),
+            (std::map<int, int>{{1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}}));
+  EXPECT_EQ(row(result.out, 1).at(5), "1");
+  EXPECT_EQ(row(result.out, 3).at(5), "2");
+  EXPECT_NE(result.out.find("6 of 6 frames rendered"), std::string::npos);
+}
+
+TEST(FarmLocal, UsageErrors) {
+  TempDir dir;
+  const std::vector<std::vector<std::string>> cases = {
+      {farmPath(), "--mode", "cloud", "--", "-arbolite3OpTree", "a.*.json", "-t", "1"},
+      {farmPath(), "--", "-arbolite3OpTree", "a.json", "-t", "1"},
+      {farmPath(), "--", "-arbolite3OpTree", "a.*.json"},
+      {farmPath(), "--", "-arbolite3OpTree", "a.*.json", "-t", "x"},
+      {farmPath(), "-arbolite3OpTree", "a.*.json", "-t", "1"},
+  };
+  for (const auto& arguments : cases) {
+    const auto result = kindlettest::run(farmPath(), arguments);
+    EXPECT_EQ(result.exitStatus, 2) << arguments[1];
+    EXPECT_NE(result.err.find("usage: kindlet-farm"), std::string::npos);
+  }
+}
+
+namespace {
+
+// Running, and not a zombie waiting for its parent.
+bool alive(long pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const size_t close = text.rfind(')');
+  return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+}
+
+long parentOf(long pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  long parent = 0;
+  const size_t close = text.rfind(')');
+  if (close != std::string::npos) sscanf(text.c_str() + close + 2, "%*c %ld", &parent);
+  return parent;
+}
+
+}  // namespace
+
+TEST(FarmLocal, StopRequestEndsEveryChunkAndItsKindlet) {
+  TempDir dir;
+  writeFrames(dir, 4);
+  const std::string attempt = Farm::chunkAttemptDir(dir.file("job"), 0, 1);
+  std::vector<long> tasks;
+  // SIGTERM to the driver (the task's parent) once the first kindlet renders.
+  auto stopOnce = [&] {
+    Farm::ChunkStatus status;
+    if (!tasks.empty() || kindlettest::readRecordFile(dir.file("record.txt")).empty() ||
+        !Farm::readChunkStatus(attempt, status))
+      return false;
+    tasks = {status.pid, status.controlPid};
+    kill(static_cast<pid_t>(parentOf(status.pid)), SIGTERM);
+    return false;
+  };
+  const auto result = kindlettest::run(
+      farmPath(), farmArguments(dir, {"--chunk-size", "1", "--parallel", "2"}, "1-4", "3000"), {},
+      std::chrono::seconds(60), stopOnce);
+  ASSERT_FALSE(tasks.empty());
+  EXPECT_EQ(result.exitStatus, 128 + SIGTERM);
+  for (const auto& line : kindlettest::readRecordFile(dir.file("record.txt"))) tasks.push_back(line.tid);
+  for (long pid : tasks) EXPECT_FALSE(alive(pid)) << pid;
+}

@@ -1,0 +1,206 @@
+// The renderer in-process, against answers known without it: radiance in a
+// uniform dome, irradiance from a point light, triangle counts of sample
+// files, and what live updates do to the next pass.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <thread>
+
+#include "MeshFile.h"
+#include "Renderer.h"
+#include "XoScenegraph/AttributeJson.h"
+
+using namespace pathtracer;
+using Arbolite3::internal::XoScenegraphIterator;
+using Arbolite3::internal::XoAttribute::IntAttribute;
+
+namespace {
+
+// An Op tree with `children` (JSON locations) under a root of these settings.
+SceneTree sceneOf(const std::string& settings, const std::string& children) {
+  std::string error;
+  const XoScenegraphIterator it = XoScenegraphIterator::getIteratorFromText(
+      R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": )" + settings +
+          R"(}, "children": [)" + children + "]}}",
+      &error);
+  EXPECT_TRUE(it.isValid()) << error;
+  return SceneTree::fromIterator(it);
+}
+
+GroupAttribute update(const std::string& json) {
+  return GroupAttribute(Arbolite3::internal::attributeFromJsonText(json));
+}
+
+const char* kUnitCube = R"({"name": "cube", "type": "polymesh", "attributes": {
+  "geometry": {"point": {"P": [-1.0,-1.0,-1.0, 1.0,-1.0,-1.0, 1.0,1.0,-1.0, -1.0,1.0,-1.0,
+                               -1.0,-1.0,1.0, 1.0,-1.0,1.0, 1.0,1.0,1.0, -1.0,1.0,1.0]},
+               "poly": {"faceCounts": [4, 4, 4, 4, 4, 4],
+                        "vertexList": [0,3,2,1, 4,5,6,7, 0,1,5,4, 2,3,7,6, 1,2,6,5, 0,4,7,3]}},
+  "material": {"params": {"baseColor": [1.0, 1.0, 1.0]}}}})";
+
+const char* kCamera = R"({"name": "cam", "type": "camera", "attributes": {
+  "geometry": {"fov": 60.0}, "xform": {"translate": [0.0, 0.0, 4.0]}}})";
+
+RendererOptions quiet(int threads = 2) {
+  RendererOptions options;
+  options.threads = threads;
+  options.writeImages = false;
+  return options;
+}
+
+// Mean of one channel over the central 16x16 pixels of a 48x48 image.
+double centralMean(const std::vector<float>& image, int channel) {
+  double sum = 0;
+  for (int y = 16; y < 32; ++y)
+    for (int x = 16; x < 32; ++x) sum += image[3 * (y * 48 + x) + channel];
+  return sum / 256;
+}
+
+}  // namespace
+
+// A white convex object inside a uniform dome reflects exactly the dome's
+// radiance, whatever the direction: the image is flat at that value.
+TEST(PathTracer, WhiteObjectInUniformDomeMatchesTheDome) {
+  Renderer renderer(quiet());
+  renderer.load(sceneOf(R"({"resolution": [48, 48], "samples": 8, "maxDepth": 8})",
+                        std::string(kUnitCube) + "," + kCamera + R"(, {"name": "sky", "type": "light",
+      "attributes": {"material": {"lightShader": "domeLight",
+                                   "params": {"color": [0.5, 0.25, 1.0], "intensity": 2.0}}}})"));
+  ASSERT_TRUE(renderer.renderBatch());
+  const std::vector<float> image = renderer.image();
+  // Only the cube is seen in the middle of the image.
+  EXPECT_NEAR(centralMean(image, 0), 1.0, 0.01);
+  EXPECT_NEAR(centralMean(image, 1), 0.5, 0.005);
+  EXPECT_NEAR(centralMean(image, 2), 2.0, 0.02);
+}
+
+// A white plane under a point light of intensity I at height h: radiance
+// (1/pi) I h / r^3 at distance r from the light (inverse square times cosine).
+TEST(PathTracer, PointLightFollowsInverseSquareAndCosineLaws) {
+  const float h = 2.0f, intensity = 10.0f;
+  Renderer renderer(quiet());
+  renderer.load(sceneOf(R"({"resolution": [128, 128], "samples": 16, "maxDepth": 1})",
+                        R"({"name": "plane", "type": "polymesh", "attributes": {"geometry": {
+        "point": {"P": [-50.0,0.0,-50.0, 50.0,0.0,-50.0, 50.0,0.0,50.0, -50.0,0.0,50.0]},
+        "poly": {"faceCounts": [4], "vertexList": [0,3,2,1]}},
+        "material": {"params": {"baseColor": [1.0, 1.0, 1.0]}}}},
+      {"name": "cam", "type": "camera", "attributes": {
+        "geometry": {"projection": "orthographic", "orthographicWidth": 8.0},
+        "xform": {"translate": [0.0, 10.0, 0.0], "rotate": [-90.0, 0.0, 0.0]}}},
+      {"name": "bulb", "type": "light", "attributes": {"xform": {"translate": [0.0, 2.0, 0.0]},
+        "material": {"lightShader": "pointLight", "params": {"intensity": 10.0}}}})"));
+  renderer.renderBatch();
+  int width = 0;
+  const std::vector<float> image = renderer.image(&width);
+  // Pixel columns along the row through the light's foot, from r = h outward.
+  for (int column : {64, 80, 96, 112, 127}) {
+    const float x = (column + 0.5f - 64) * 8.0f / 128;
+    const float r = std::sqrt(x * x + h * h);
+    const float expected = intensity * h / (r * r * r) / float(M_PI);
+    const float got = 0.5f * (image[3 * (63 * width + column)] + image[3 * (64 * width + column)]);
+    EXPECT_NEAR(got, expected, 0.015f * expected) << "column " << column << ", r " << r;
+  }
+}
+
+TEST(PathTracer, MeshFilesLoadWithTheirTriangleCounts) {
+  const struct { const char* file; size_t triangles; } cases[] = {
+      {"/usr/share/assimp/models/PLY/Wuson.ply", 3732},  // 3732 triangles in its header
+      {"/usr/share/assimp/models/OBJ/box.obj", 12},      // six quads
+  };
+  for (const auto& c : cases) EXPECT_EQ(loadMeshFile(c.file).triangleCount(), c.triangles) << c.file;
+  EXPECT_THROW(loadMeshFile("/nonexistent/model.ply"), std::runtime_error);
+}
+
+TEST(PathTracer, UpdatesAddMergeAndRemoveLocations) {
+  SceneTree tree = sceneOf("{}", R"({"name": "g", "children": [{"name": "m", "type": "polymesh",
+      "attributes": {"xform": {"translate": [1.0, 2.0, 3.0], "scale": 2.0}}}]})");
+  const UpdateEffect effect = tree.apply(update(R"({
+      "/root/g/m": {"attributes": {"xform": {"scale": null, "rotate": [0.0, 90.0, 0.0]}}},
+      "/root/new": {"type": "light"},
+      "/root/orphan/x": {"type": "light"},
+      "/root/untyped": {"attributes": {"a": 1}},
+      "relative": {"type": "light"}})"));
+  EXPECT_TRUE(effect.geometryChanged);
+  const GroupAttribute xform(tree.find("/root/g/m")->attributes.getChildByName("xform"));
+  EXPECT_EQ(xform.getNumberOfChildren(), 2u);  // translate kept, scale gone, rotate added
+  EXPECT_TRUE(xform.getChildByName("translate").isValid());
+  EXPECT_NE(tree.find("/root/new"), nullptr);
+  EXPECT_EQ(tree.find("/root/orphan/x"), nullptr);
+  EXPECT_EQ(tree.find("/root/untyped"), nullptr);
+  EXPECT_EQ(tree.find("/root")->children.size(), 2u);
+
+  tree.apply(update(R"({"/root/g": {"remove": 1}})"));
+  EXPECT_EQ(tree.find("/root/g/m"), nullptr);
+  EXPECT_EQ(tree.size(), 2u);
+  // Lights, cameras and materials leave the triangles as they are.
+  EXPECT_FALSE(tree.apply(update(R"({"/root/new": {"attributes": {"mute": 1}}})")).geometryChanged);
+}
+
+class LiveRender : public testing::Test {
+ protected:
+  const std::string settings = R"({"resolution": [32, 24], "samples": 100000, "maxDepth": 3})";
+  const std::string scene = std::string(kUnitCube) + "," + kCamera + R"(, {"name": "key",
+      "type": "light", "attributes": {"xform": {"translate": [3.0, 4.0, 5.0]},
+      "material": {"lightShader": "pointLight", "params": {"intensity": 40.0}}}})";
+};
+
+// The first pass after a camera move shows the moved camera's view: the same
+// image, sample for sample, as a fresh render of the moved scene.
+TEST_F(LiveRender, CameraMoveChangesTheNextPass) {
+  Renderer live(quiet());
+  live.load(sceneOf(settings, scene));
+  live.startLive();
+  ASSERT_TRUE(live.waitForSamples(live.state(), 2, std::chrono::seconds(30)));
+  const std::vector<float> before = live.image();
+
+  const char* move = R"({"/root/cam": {"attributes": {"xform": {"translate": [1.5, 0.5, 4.0]}}}})";
+  live.submitUpdate(update(move));
+  ASSERT_TRUE(live.hasQueuedUpdates());
+  live.applyQueuedUpdates();
+  EXPECT_FALSE(live.hasQueuedUpdates());
+  const uint64_t moved = live.state();
+  ASSERT_TRUE(live.waitForSamples(moved, 1, std::chrono::seconds(30)));
+  live.stopLive();
+  int samples = 0;
+  const std::vector<float> after = live.image(nullptr, &samples);
+  RendererOptions same = quiet();
+  same.samples = samples;
+
+  SceneTree expectedTree = sceneOf(settings, scene);
+  expectedTree.apply(update(move));
+  Renderer expected(same);
+  expected.load(expectedTree);
+  expected.renderBatch();
+  EXPECT_EQ(after, expected.image());
+  double difference = 0;
+  for (size_t i = 0; i < after.size(); ++i) difference += std::fabs(after[i] - before[i]);
+  EXPECT_GT(difference / double(after.size()), 0.01);
+}
+
+// Updates from several threads while a pass runs: one apply takes them all,
+// each thread's in its own order.
+TEST_F(LiveRender, NoUpdateIsLostDuringAPass) {
+  Renderer live(quiet(1));
+  live.load(sceneOf(settings, scene));
+  live.startLive();
+  constexpr int kThreads = 4, kPerThread = 50;
+  std::vector<std::thread> senders;
+  for (int t = 0; t < kThreads; ++t)
+    senders.emplace_back([&, t] {
+      const std::string path = "/root/t" + std::to_string(t);
+      live.submitUpdate(update("{\"" + path + "\": {\"type\": \"group\"}}"));
+      for (int i = 1; i < kPerThread; ++i)
+        live.submitUpdate(update("{\"" + path + "\": {\"attributes\": {\"n\": " +
+                                 std::to_string(i) + "}}}"));
+    });
+  for (std::thread& sender : senders) sender.join();
+  live.applyQueuedUpdates();
+  EXPECT_FALSE(live.hasQueuedUpdates());
+  EXPECT_TRUE(live.waitForSamples(live.state(), 1, std::chrono::seconds(30)));
+  live.stopLive();
+  for (int t = 0; t < kThreads; ++t) {
+    const Location* location = live.tree().find("/root/t" + std::to_string(t));
+    ASSERT_NE(location, nullptr) << t;
+    EXPECT_EQ(IntAttribute(location->attributes.getChildByName("n")).getValue(), kPerThread - 1);
+  }
+}

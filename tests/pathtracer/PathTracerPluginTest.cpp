@@ -1,0 +1,94 @@
+// The "pathtracer" plug-in as users run it: the installed kindlet renders a
+// batch image, and kindlet-control drives a live render whose update shows
+// in the image it leaves behind.
+#include <gtest/gtest.h>
+
+#include <OpenImageIO/imageio.h>
+
+#include <algorithm>
+
+#include "KindletTestSupport.h"
+
+using namespace kindlettest;
+
+namespace {
+
+// A floor lit by one point light at `light`; `extra` adds attributes to both lights.
+std::string scene(const std::string& light, const std::string& extra = "") {
+  return R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": {
+      "resolution": [24, 16], "samples": 4, "frame": 3}},
+    "children": [
+      {"name": "cam", "type": "camera", "attributes": {"geometry": {"fov": 50.0},
+        "xform": {"translate": [0.0, 2.0, 6.0], "rotate": [-15.0, 0.0, 0.0]}}},
+      {"name": "bulb", "type": "light", "attributes": {"xform": {"translate": )" + light + R"(},
+        "material": {"lightShader": "pointLight", "params": {"intensity": 30.0}})" + extra + R"(}},
+      {"name": "fill", "type": "light", "attributes": {)" +
+         (extra.empty() ? std::string() : extra.substr(1) + ",") + R"(
+        "material": {"lightShader": "distantLight", "params": {"intensity": 0.0}}}},
+      {"name": "floor", "type": "polymesh", "attributes": {"geometry": {
+        "point": {"P": [-5.0,0.0,-5.0, 5.0,0.0,-5.0, 5.0,0.0,5.0, -5.0,0.0,5.0]},
+        "poly": {"faceCounts": [4], "vertexList": [3,2,1,0]}}}}]}})";
+}
+
+// Width, height and the brightest channel value of an image file.
+struct ImageFacts { int width = 0, height = 0; float brightest = -1; };
+
+ImageFacts readImage(const std::string& path) {
+  ImageFacts facts;
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) return facts;
+  const OIIO::ImageSpec& spec = in->spec();
+  std::vector<float> pixels(size_t(spec.width) * spec.height * spec.nchannels);
+  if (in->read_image(OIIO::TypeDesc::FLOAT, pixels.data())) {
+    facts.width = spec.width;
+    facts.height = spec.height;
+    facts.brightest = *std::max_element(pixels.begin(), pixels.end());
+  }
+  return facts;
+}
+
+std::vector<std::string> linesWith(const std::string& text, const std::string& part) {
+  std::vector<std::string> found;
+  for (const std::string& line : splitLines(text))
+    if (line.find(part) != std::string::npos) found.push_back(line);
+  return found;
+}
+
+}  // namespace
+
+TEST(PathTracerPlugin, BatchRenderWritesTheFramesImage) {
+  TempDir dir;
+  const std::string file = dir.write("scene.optree.json", scene("[0.0, 3.0, 0.0]", R"(, "glow": 1)"));
+  const RunResult result = runKindlet(
+      {"-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree", file, "-renderer",
+       "pathtracer", "-renderMethodName", "diskRender", "-outputImage", dir.file("lit.##.exr")});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+
+  const ImageFacts image = readImage(dir.file("lit.03.exr"));
+  EXPECT_EQ(image.width, 24);
+  EXPECT_EQ(image.height, 16);
+  EXPECT_GT(image.brightest, 0.1f);
+  // Progress at most every 10%, and the unknown name once for both lights.
+  EXPECT_LE(linesWith(result.err, "Rendered ").size(), 9u);
+  EXPECT_EQ(linesWith(result.err, "Unknown attribute \"glow\"").size(), 1u) << result.err;
+}
+
+// The light starts under the floor, so every pass is black until the update
+// moves it above.
+TEST(PathTracerPlugin, LiveUpdateShowsInTheWrittenImage) {
+  TempDir dir;
+  const std::string file = dir.write("scene.optree.json", scene("[0.0, -3.0, 0.0]"));
+  const std::string script = dir.write("session.txt",
+      "sleep 300\n"
+      "update {\"/root/bulb\": {\"attributes\": {\"xform\": {\"translate\": [0.0, 3.0, 0.0]}}}}\n"
+      "sleep 1500\n"
+      "stop\n");
+  const RunResult result = run(
+      testRoot() + "/bin/kindlet-control",
+      {testRoot() + "/bin/kindlet-control", "--start", "--script", script, "--timeout", "60", "--",
+       "-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree", file, "-renderer",
+       "pathtracer", "-renderMethodName", "liveRender", "-outputImage", dir.file("live.png")});
+  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+  EXPECT_GT(readImage(dir.file("live.png")).brightest, 0.1f) << result.err;
+  EXPECT_TRUE(linesWith(result.err, "ERROR").empty()) << result.err;
+}
