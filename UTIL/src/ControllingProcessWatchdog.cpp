@@ -79,12 +79,9 @@ void controllingProcessBody() {
   // C library keeps old environment strings alive.
   const char* value = getenv(kControllingProcessVariable);
   if (value != nullptr) {
-    std::istringstream in(value);
     int pid = 0;
-    char separator = 0;
     long creationTime = 0;
-    in >> pid >> separator >> creationTime;
-    if (in.fail() || in.bad()) {
+    if (!parseControllingProcessValue(value, &pid, &creationTime)) {
       std::ostringstream message;
       message << "[BOOTSTRAP] ERROR: Failed to parse value of internal "
                  "__SELVANE_CONTROLLING_PROCESS environment variable: \""
@@ -98,6 +95,13 @@ void controllingProcessBody() {
 }
 
 }  // namespace
+
+bool parseControllingProcessValue(const char* value, int* pid, long* creationTime) {
+  std::istringstream in(value);
+  char separator = 0;
+  in >> *pid >> separator >> *creationTime;
+  return !(in.fail() || in.bad());
+}
 
 void bootstrapControllingProcess() {
   runBootstrapStep(controllingProcessFlag, &controllingProcessBody);

@@ -42,6 +42,10 @@ void bootstrapInstallRoot(const std::string& root);
 // variable as "<pid>;<creation time>" so that its children watch it in turn.
 void bootstrapControllingProcess();
 
+// Reads a value of that variable: a PID, any one character, a creation time,
+// each as a stream extraction reads it. False when the extraction fails.
+bool parseControllingProcessValue(const char* value, int* pid, long* creationTime);
+
 // Body of the watchdog thread. Polls the controlling process every 500 ms and
 // ends this process with status 1 once that process is gone; returns only for
 // an error other than "no such process". `name` and `value` must stay

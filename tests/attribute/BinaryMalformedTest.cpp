@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstring>
-#include <memory>
 
 #include "BlobWriter.h"
 #include "SampleAttributes.h"
@@ -22,6 +23,27 @@ std::string nested(size_t depth) {
   w.group(0);
   return w.str();
 }
+
+// A copy that ends where a readable page ends, the next page unreadable: a
+// read past its end faults in every build, not only under ASan.
+class GuardedCopy {
+ public:
+  explicit GuardedCopy(const std::string& bytes) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size = (bytes.size() / page + 2) * page;
+    base = static_cast<char*>(
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(base + size - page, page, PROT_NONE);
+    data = base + size - page - bytes.size();
+    std::memcpy(data, bytes.data(), bytes.size());
+  }
+  ~GuardedCopy() { munmap(base, size); }
+  char* data;
+
+ private:
+  char* base;
+  size_t size;
+};
 
 }  // namespace
 
@@ -84,15 +106,27 @@ TEST(BinaryMalformed, ValidHandMadeBlobsAreAccepted) {
   EXPECT_TRUE(parses(nested(256)));
 }
 
+// Each encoding ends in a different kind of value, so that a bounds check
+// off by one at the end of the input is caught whichever read it guards.
 TEST(BinaryMalformed, EveryTruncationIsRefusedAndEveryExtensionToo) {
-  const std::string full = sample::everyType().getBinary();
-  ASSERT_TRUE(parses(full));
-  for (size_t length = 0; length < full.size(); ++length) {
-    // A copy of exactly `length` bytes, so that ASan sees any read past it.
-    std::unique_ptr<char[]> exact(new char[length + 1]);
-    std::memcpy(exact.get(), full.data(), length);
-    EXPECT_FALSE(Attribute::parseBinary(exact.get(), length).isValid()) << "length " << length;
+  const std::vector<std::string> encodings = {
+      sample::everyType().getBinary(),
+      BlobWriter().ints({1, 2, 3}).str(),
+      BlobWriter().u8(3).u32(1).u64(1).u64(0).str(),
+      BlobWriter().u8(4).u32(1).u64(2).text("ab").text("cd").str(),
+      BlobWriter().group(1).text("name").null().str(),
+      BlobWriter().group(1).text("g").group(0).str(),
+  };
+  for (const std::string& full : encodings) {
+    ASSERT_TRUE(parses(full));
+    for (size_t length = 0; length < full.size(); ++length) {
+      // Within the full encoding, a read past `length` finds the real next
+      // bytes and would complete the value; before a guard page, it faults.
+      EXPECT_FALSE(Attribute::parseBinary(full.data(), length).isValid()) << "length " << length;
+      const GuardedCopy guarded(full.substr(0, length));
+      EXPECT_FALSE(Attribute::parseBinary(guarded.data, length).isValid()) << "length " << length;
+    }
+    EXPECT_FALSE(parses(full + '\0'));
   }
-  EXPECT_FALSE(parses(full + '\0'));
   EXPECT_FALSE(Attribute::parseBinary(nullptr, 10).isValid());
 }

@@ -115,29 +115,3 @@ TEST(CApi, BuilderOwnershipAndBorrowedChildren) {
   XoGroupBuilderDestroy(b);  // still holding nothing after the flush
 }
 
-TEST(CApi, TextAndBinaryMatchTheCppForms) {
-  using namespace Arbolite3::internal::XoAttribute;
-  GroupBuilder gb;
-  gb.set("s", StringAttribute(std::string("q\0\"", 3))).set("d", DoubleAttribute(0.25));
-  GroupAttribute g = gb.build();
-  char* xml = XoAttributeGetXML(g.getHandle());
-  EXPECT_EQ(std::string(xml), g.getXML());
-  XoAttributeFreeText(xml);
-
-  size_t length = 0;
-  char* bytes = XoAttributeGetBinary(g.getHandle(), &length);
-  EXPECT_EQ(std::string(bytes, length), g.getBinary());
-  XoAttributeStruct* parsed = XoAttributeParseBinary(bytes, length);
-  EXPECT_EQ(XoAttributeEquals(parsed, g.getHandle()), 1);
-  EXPECT_EQ(XoAttributeParseBinary(bytes, length - 1), nullptr);
-  XoAttributeFreeText(bytes);
-
-  // C handles and C++ objects convert both ways with the right counts.
-  Attribute adopted = Attribute::adoptHandle(parsed);
-  Attribute shared = Attribute::fromHandle(g.getHandle());
-  EXPECT_EQ(adopted, shared);
-  XoAttributeStruct* retained = shared.getRetainedHandle();
-  shared = Attribute();
-  EXPECT_EQ(XoAttributeGetNumberOfChildren(retained), 2u);
-  XoAttributeRelease(retained);
-}

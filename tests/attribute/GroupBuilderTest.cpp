@@ -119,22 +119,3 @@ TEST(GroupBuilder, BuildModes) {
   EXPECT_TRUE(empty.getGroupInherit()) << "a flush resets the flag";
 }
 
-// The per-render merge a live update goes through: the render's own part
-// first, the common update over it, the reserved key removed.
-TEST(GroupBuilder, PerRenderMergeOrder) {
-  GroupBuilder update;
-  update.set("shared", IntAttribute(1)).set("both", IntAttribute(100));
-  update.set("__perRenderUpdateAttributes.7.both", IntAttribute(7));
-  update.set("__perRenderUpdateAttributes.7.own", IntAttribute(70));
-  update.set("__perRenderUpdateAttributes.8.own", IntAttribute(80));
-  GroupAttribute message = update.build();
-
-  GroupBuilder b;
-  b.update(GroupAttribute(message.getChildByName("__perRenderUpdateAttributes.7")));
-  b.update(message);
-  b.del("__perRenderUpdateAttributes");
-  GroupAttribute forSeven = b.build(GroupBuilder::BuildAndFlush);
-  EXPECT_EQ(names(forSeven), (Names{"both", "own", "shared"}));
-  EXPECT_EQ(intAt(forSeven, "both"), 100);
-  EXPECT_EQ(intAt(forSeven, "own"), 70);
-}

@@ -66,15 +66,6 @@ TEST(Xml, NumbersReadBackExactly) {
   }
 }
 
-TEST(Xml, EqualTreesGiveTheSameText) {
-  GroupAttribute a = sample::everyType();
-  GroupAttribute b = sample::everyType();
-  EXPECT_NE(a.getHandle(), b.getHandle());
-  EXPECT_EQ(a.getXML(), b.getXML());
-  std::string bytes = a.getBinary();
-  EXPECT_EQ(Attribute::parseBinary(bytes.data(), bytes.size()).getXML(), a.getXML());
-}
-
 namespace {
 
 Attribute chain(int depth) {

@@ -50,18 +50,6 @@ TEST(OnceStep, RunsOnceUnderContentionAndCallersSeeItDone) {
   EXPECT_EQ(runs.load(), 1);
 }
 
-TEST(OnceStep, ThrowingBodyCountsAsNotDone) {
-  boost::once_flag flag = BOOST_ONCE_INIT;
-  int runs = 0;
-  auto body = [&] {
-    if (++runs == 1) throw std::runtime_error("first attempt fails");
-  };
-  EXPECT_THROW(runBootstrapStep(flag, body), std::runtime_error);
-  runBootstrapStep(flag, body);
-  runBootstrapStep(flag, body);
-  EXPECT_EQ(runs, 2);
-}
-
 TEST(OnceStep, WaiterTakesOverAfterThrowingBody) {
   boost::once_flag flag = BOOST_ONCE_INIT;
   std::atomic<int> runs{0};

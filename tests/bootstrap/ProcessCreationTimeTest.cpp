@@ -5,11 +5,11 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "KindletTestSupport.h"
 #include "base/ProcessCreationTime.h"
 
 using Arbolite3::Base::getProcessCreationTime;
-using namespace bootstraptest;
+using namespace kindlettest;
 
 namespace {
 

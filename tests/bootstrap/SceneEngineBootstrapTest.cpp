@@ -12,9 +12,9 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "KindletTestSupport.h"
 
-using namespace bootstraptest;
+using namespace kindlettest;
 
 namespace {
 
@@ -111,7 +111,7 @@ class SceneEngineBootstrap : public ::testing::Test {
              kRoot + "/bin/python"},
         {"SELVANE_DEFAULT_ASSET_PLUGIN", "FileAsset"},
         {"SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", "FileSequence"},
-        {"LSAN_OPTIONS", "suppressions=" KINDLET_SOURCE_DIR "/tests/bootstrap/lsan.supp"},
+        {"LSAN_OPTIONS", "suppressions=" KINDLET_SOURCE_DIR "/tests/support/lsan.supp"},
     };
     // Sanitizer settings of a sanitizer build reach kindlet as well.
     for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {

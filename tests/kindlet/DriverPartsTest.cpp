@@ -45,29 +45,6 @@ TEST(ParseArguments, ProgramNameIsAnOrdinaryToken) {
   EXPECT_EQ(parse({"-prog", "v", "w"}), (OptionMap{{"prog", "v"}}));
 }
 
-TEST(RequireOptions, PrintsEveryMissingNameInListOrder) {
-  const OptionMap options{{"b", "1"}, {"c", ""}};
-  testing::internal::CaptureStdout();
-  int result = requireOptions(options, {"d", "b", "c", "a"});
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Missing d\nMissing c\nMissing a\n");
-  EXPECT_EQ(result, -1);
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(requireOptions(options, {"b"}), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
-TEST(GetOption, AbsentLeavesOutputAndPresentEmptyAssigns) {
-  const OptionMap options{{"empty", ""}, {"name", "value"}};
-  std::string out = "old";
-  EXPECT_EQ(getOption(options, "absent", out), 0);
-  EXPECT_EQ(out, "old");
-  EXPECT_EQ(getOption(options, "empty", out), 0);
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(getOption(options, "name", out), 5);
-  EXPECT_EQ(out, "value");
-}
-
 TEST(ParseFrameList, RangesSinglesAndDroppedTokens) {
   using V = std::vector<int>;
   EXPECT_EQ(parseFrameList("1-3"), (V{1, 2, 3}));

@@ -1,17 +1,10 @@
 // The installed kindlet, run as its parent runs it, with the recording
 // renderer writing down every plug-in call.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <thread>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +19,7 @@ using kindlettest::recordedSlots;
 using kindlettest::RecordLine;
 using kindlettest::RunResult;
 using kindlettest::runKindlet;
+using kindlettest::sendAll;
 using kindlettest::splitLines;
 
 namespace {
@@ -34,11 +28,6 @@ using Options = std::map<std::string, std::string>;
 using Slots = std::vector<std::string>;
 
 const std::string kExampleScene = kindlettest::testRoot() + "/share/kindlet/examples/scene.optree.json";
-
-std::string readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-}
 
 class Kindlet : public testing::Test {
  protected:
@@ -70,7 +59,7 @@ class Kindlet : public testing::Test {
   Slots slots() const { return recordedSlots(records()); }
   // A copy of the example scene under dir/name.
   std::string scene(const std::string& name) const {
-    return dir.write(name, readFile(kExampleScene));
+    return dir.write(name, kindlettest::readFile(kExampleScene));
   }
 
   kindlettest::TempDir dir;
@@ -140,11 +129,6 @@ TEST_F(Kindlet, EveryOptionReachesThePluginIncludingUnknownAndIndexedOnes) {
   const std::string& details = lines[0].details;
   ASSERT_GE(details.size(), group.size());
   EXPECT_EQ(details.substr(details.size() - group.size()), group);
-}
-
-TEST_F(Kindlet, ThreadsGivenAsANumberRenders) {
-  EXPECT_EQ(run({{"threads", "3"}}).exitStatus, 0);
-  EXPECT_EQ(slots().size(), 6u);
 }
 
 TEST_F(Kindlet, MalformedThreadsOrHostEndAbnormally) {
@@ -244,42 +228,9 @@ TEST_F(Kindlet, LiveRenderUnderTheSwitchWithoutHostWaitsInTheLoop) {
 
 // ---- a live render fed over TCP ----
 
-// A listening loopback socket; accept() waits at most ten seconds.
-class Listener {
- public:
-  Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 1) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-      ADD_FAILURE() << "listener: " << strerror(errno);
-    port = ntohs(address.sin_port);
-  }
-  ~Listener() {
-    close(fd);
-    if (peer >= 0) close(peer);
-  }
-  bool accept() {
-    pollfd polled{fd, POLLIN, 0};
-    if (poll(&polled, 1, 10000) != 1) return false;
-    peer = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-    return peer >= 0;
-  }
-  bool send(const std::string& bytes) {
-    return ::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-
-  int fd;
-  int peer = -1;
-  unsigned port = 0;
-};
-
 TEST_F(Kindlet, HexSequenceIDSelectsThisRendersPartOfAnUpdate) {
   using namespace Arbolite3::internal::XoAttribute;
-  Listener control, data;
+  kindlettest::LocalListener control, data;
   auto group = [](const std::string& name, const Attribute& value) {
     GroupBuilder builder;
     builder.set(name, value);
@@ -291,40 +242,39 @@ TEST_F(Kindlet, HexSequenceIDSelectsThisRendersPartOfAnUpdate) {
   GroupBuilder update;
   update.set("a", StringAttribute("top"));
   update.set("__perRenderUpdateAttributes", perRender.build());
-  const std::string payload = update.build().getBinary();
-  std::string frame(8, '\0');
-  for (int i = 0; i < 8; ++i) frame[i] = static_cast<char>((uint64_t(payload.size()) >> (8 * i)) & 0xff);
-  frame += payload;
-  std::string stop(256, '\0');
-  stop.replace(0, 15, "stopLiveEditing");
+  const std::string frame = kindlettest::dataFrame(update.build().getBinary());
 
   bool fed = false;
   std::thread sender([&] {
-    if (!control.accept() || !data.accept() || !data.send(frame)) return;
-    // The stop overtakes updates still on their way: wait until it arrived.
-    for (int i = 0; i < 1000; ++i) {
-      const Slots recorded = slots();
-      if (std::find(recorded.begin(), recorded.end(), "submitUpdate") != recorded.end()) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    fed = control.send(stop);
-    // A stop whose wake-up falls between two turns of the loop waits for the
-    // next message: nudge until the render has stopped.
-    std::string nudge(256, '\0');
-    nudge.replace(0, 5, "nudge");
-    for (int i = 0; i < 200; ++i) {
-      const Slots recorded = slots();
-      if (std::find(recorded.begin(), recorded.end(), "stop") != recorded.end()) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      control.send(nudge);
+    try {  // sendAll throws once kindlet has gone
+      Arbolite3::Base::FileDescriptor controlPeer = control.accept(), dataPeer = data.accept();
+      if (!controlPeer || !dataPeer) return;
+      sendAll(dataPeer.get(), frame);
+      // The stop overtakes updates still on their way: wait until it arrived.
+      for (int i = 0; i < 1000; ++i) {
+        const Slots recorded = slots();
+        if (std::find(recorded.begin(), recorded.end(), "submitUpdate") != recorded.end()) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+      sendAll(controlPeer.get(), kindlettest::controlRecord("stopLiveEditing"));
+      fed = true;
+      // A stop whose wake-up falls between two turns of the loop waits for the
+      // next message: nudge until the render has stopped.
+      for (int i = 0; i < 200; ++i) {
+        const Slots recorded = slots();
+        if (std::find(recorded.begin(), recorded.end(), "stop") != recorded.end()) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        sendAll(controlPeer.get(), kindlettest::controlRecord("nudge"));
+      }
+    } catch (const std::exception&) {
     }
   });
   const RunResult result = runKindlet(
       argv(options({{"renderMethodType", "liveRender"},
                     {"sequenceID", "0x10"},
                     {"host", "127.0.0.1:any"},
-                    {"portControl", std::to_string(control.port)},
-                    {"portData", std::to_string(data.port)}})),
+                    {"portControl", std::to_string(control.port())},
+                    {"portData", std::to_string(data.port())}})),
       {{"SELVANE_DISABLE_PREVANE_PLUS", "1"}}, std::chrono::seconds(30));
   sender.join();
   EXPECT_TRUE(fed);

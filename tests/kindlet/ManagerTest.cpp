@@ -23,42 +23,10 @@ using Rendering::Manager;
 
 namespace {
 
-// The log goes to a file of our own, at debug level: set before the first
-// message chooses the destination and the threshold.
-const kindlettest::TempDir& scratch() {
-  static kindlettest::TempDir dir;
-  return dir;
-}
-const std::string logPath = [] {
-  const std::string path = scratch().file("kindlet.log");
-  Config().set("SELVANE_LOG_FILE", path);
-  Config().set("SELVANE_LOG_LEVEL", "debug");
-  return path;
-}();
-
-std::string readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
-
-// Log lines written since construction.
-class LogWatch {
- public:
-  LogWatch() : start(readFile(logPath).size()) {}
-  std::vector<std::string> lines() const {
-    return kindlettest::splitLines(readFile(logPath).substr(start));
-  }
-  bool has(const std::string& line) const {
-    for (const std::string& l : lines())
-      if (l == line) return true;
-    return false;
-  }
-
- private:
-  size_t start;
-};
+// The log goes to a file of our own, at debug level, before the first message.
+const std::string logPath = kindlettest::logToScratch("debug");
+using kindlettest::readFile;
+using kindlettest::scratch;
 
 GroupAttribute group(const std::vector<std::pair<std::string, Attribute>>& children) {
   GroupBuilder builder;
@@ -191,7 +159,7 @@ TEST_F(Merge, KeyThatIsNoGroupPassesThroughWhole) {
 TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
-  LogWatch log;
+  kindlettest::newLogLines();  // only lines from here on count
   const std::string garbage = "not an attribute";
   const std::string plainString = text("x").getBinary();
   manager.processLiveRenderData(garbage.data(), garbage.size());
@@ -201,7 +169,7 @@ TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
   const std::string line =
       "[ERROR Kindlet] Rendering::Manager::processLiveRenderData(): Given binary data could not "
       "be parsed into a GroupAttribute. Ignoring Live Render update.";
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{line, line, line}));
+  EXPECT_EQ(kindlettest::newLogLines(), (std::vector<std::string>{line, line, line}));
 }
 
 // ---- control commands ----
@@ -209,7 +177,7 @@ TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
 TEST(Commands, OnlyTheExactWordsAreKnown) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  LogWatch log;
+  kindlettest::newLogLines();  // only lines from here on count
   manager.processControlCommand(std::string("pauseRerender"));
   manager.processControlCommand(recordOf("pauseRerender"));
   manager.processControlCommand(std::string("pauseRerenderNow"));
@@ -222,7 +190,7 @@ TEST(Commands, OnlyTheExactWordsAreKnown) {
                                 "handleControlCommand render more"}));
   const std::string warning =
       "[WARNING Kindlet] Live Render control command 'pauseRerender' is deprecated.";
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{warning, warning}));
+  EXPECT_EQ(kindlettest::newLogLines(), (std::vector<std::string>{warning, warning}));
 }
 
 TEST(Commands, LongTextsFillTheRecordWithoutTerminator) {
@@ -368,7 +336,7 @@ TEST(Lifecycle, BatchMethodsStartAndStopAndTeardownComesOnce) {
 
 TEST(Lifecycle, WithoutHandleOrSuiteNothingIsCalled) {
   TestPlugin plugin;
-  LogWatch log;
+  kindlettest::newLogLines();  // only lines from here on count
   {
     Manager noHandle(nullptr, plugin.suite(), "", 0, 0, 0);
     EXPECT_EQ(noHandle.setup(), -1);
@@ -378,16 +346,10 @@ TEST(Lifecycle, WithoutHandleOrSuiteNothingIsCalled) {
     EXPECT_EQ(noSuite.render("liveRender"), 1);
   }
   EXPECT_TRUE(plugin.calls().empty());
-  EXPECT_EQ(log.lines(),
+  EXPECT_EQ(kindlettest::newLogLines(),
             (std::vector<std::string>{
                 "[ERROR Kindlet] Rendering::Manager::render(): No render plug-in handle set.",
                 "[ERROR Kindlet] Rendering::Manager::render(): No render plug-in suite set."}));
-}
-
-TEST(Lifecycle, SequenceTextIsDecimal) {
-  TestPlugin plugin;
-  EXPECT_EQ(Manager(plugin.handle(), plugin.suite(), "", 0, 0, 0).getSequenceID(), "0");
-  EXPECT_EQ(Manager(plugin.handle(), plugin.suite(), "", 0, 0, -16).getSequenceID(), "-16");
 }
 
 // ---- the update debug file ----
@@ -407,7 +369,7 @@ TEST_F(DebugFile, RecordsOnlyUpdatesFromTheClientPathFlushedBeforeThePlugin) {
   std::vector<std::string> seenBySubmit;
   plugin.onSubmit = [&] { seenBySubmit.push_back(readFile(path)); };
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
-  LogWatch log;
+  kindlettest::newLogLines();  // only lines from here on count
 
   const GroupAttribute update =
       group({{"a", text("<1>")}, {"__perRenderUpdateAttributes", group({{"7", group({})}})}});
@@ -417,14 +379,14 @@ TEST_F(DebugFile, RecordsOnlyUpdatesFromTheClientPathFlushedBeforeThePlugin) {
   EXPECT_EQ(seenBySubmit[0], recordText);
   // Passed on as it came: the same handle, key and all.
   EXPECT_EQ(plugin.submittedHandles(), std::vector<XoAttributeStruct*>{update.getHandle()});
-  EXPECT_EQ(log.lines(),
+  EXPECT_EQ(kindlettest::newLogLines(),
             std::vector<std::string>{"[DEBUG Kindlet] Processing Live Render Update: " + update.getXML()});
 
   const std::string bytes = update.getBinary();
   manager.processLiveRenderData(bytes.data(), bytes.size());
   manager.processControlCommand(std::string("cmd"));
   EXPECT_EQ(readFile(path), recordText);
-  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(kindlettest::newLogLines().empty());
 }
 
 TEST_F(DebugFile, WarningUnderTheSwitchAndTheFileOpensAllTheSame) {
@@ -432,9 +394,9 @@ TEST_F(DebugFile, WarningUnderTheSwitchAndTheFileOpensAllTheSame) {
   Config().set("SELVANE_LRUA_DEBUG", path);
   Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
   TestPlugin plugin;
-  LogWatch log;
+  kindlettest::newLogLines();  // only lines from here on count
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{
+  EXPECT_EQ(kindlettest::newLogLines(), std::vector<std::string>{
                              "[WARNING Kindlet] Live render update attribute debugging "
                              "(SELVANE_LRUA_DEBUG) only available in Prevane+"});
   manager.processLiveRenderUpdate(group({{"a", text("1")}}));

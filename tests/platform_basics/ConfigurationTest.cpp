@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "ProbeProcess.h"
+#include "KindletTestSupport.h"
 #include "XoConfiguration/Configuration.h"
 
 using Arbolite3::XoConfiguration::v1::Config;
@@ -16,10 +16,10 @@ using testing::HasSubstr;
 namespace {
 
 TEST(Configuration, SeededFromTheEnvironmentOfANewProcess) {
-  const probe::Result r = probe::run({"SELVANE_A=one=two", "SELVANE_EMPTY=", "PYTHONHOME=/usr"},
-                                     {"get:SELVANE_A", "get:SELVANE_EMPTY", "get:PYTHONHOME",
-                                      "get:SELVANE_UNKNOWN"});
-  ASSERT_EQ(r.status, 0);
+  const kindlettest::RunResult r = kindlettest::runWithEnvironment(
+      {PLATFORM_PROBE, "get:SELVANE_A", "get:SELVANE_EMPTY", "get:PYTHONHOME", "get:SELVANE_UNKNOWN"},
+      {{"SELVANE_A", "one=two"}, {"SELVANE_EMPTY", ""}, {"PYTHONHOME", "/usr"}});
+  ASSERT_EQ(r.exitStatus, 0);
   // The value is everything after the first '='; an empty value is present.
   EXPECT_EQ(r.out,
             "SELVANE_A=one=two has=1\n"

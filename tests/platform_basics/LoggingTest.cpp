@@ -1,18 +1,25 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <map>
 
-#include "ProbeProcess.h"
+#include "KindletTestSupport.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 #include "XoLoggingHost/XoLoggingC.h"
 
 using XoLoggingHost::LogLevel;
 using XoLoggingHost::XoLoggerGlue;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
+
+// The probe logs a line at each level to its configured destination.
+kindlettest::RunResult probe(const std::map<std::string, std::string>& environment,
+                             const std::vector<std::string>& args) {
+  std::vector<std::string> argv{PLATFORM_PROBE};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return kindlettest::runWithEnvironment(argv, environment);
+}
 
 const std::vector<std::string> kAllLines = {
     "[ERROR Probe] first", "[WARNING Probe] second",
@@ -26,34 +33,33 @@ TEST(Logging, ThresholdKeyDecidesLevelsAndLines) {
   const std::vector<std::pair<std::string, size_t>> cases = {
       {"", 3}, {"debug", 4}, {"warning", 2}, {"error", 1}, {"off", 0}, {"nonsense", 3}};
   for (const auto& c : cases) {
-    std::vector<std::string> env;
-    if (!c.first.empty()) env.push_back("SELVANE_LOG_LEVEL=" + c.first);
-    const probe::Result r = probe::run(env, {"enabled", "log"});
-    ASSERT_EQ(r.status, 0) << c.first;
+    std::map<std::string, std::string> env;
+    if (!c.first.empty()) env["SELVANE_LOG_LEVEL"] = c.first;
+    const kindlettest::RunResult r = probe(env, {"enabled", "log"});
+    ASSERT_EQ(r.exitStatus, 0) << c.first;
     const size_t n = c.second;
     EXPECT_EQ(r.out, "error=" + std::to_string(n >= 1) + " warn=" + std::to_string(n >= 2) +
                          " info=" + std::to_string(n >= 3) + " debug=" + std::to_string(n >= 4) +
                          "\n")
         << c.first;
-    EXPECT_EQ(r.errLines, firstLines(n)) << c.first;
+    EXPECT_EQ(kindlettest::splitLines(r.err), firstLines(n)) << c.first;
   }
 }
 
 TEST(Logging, LogFileIsAppendedAndStderrStaysQuiet) {
-  const std::string path = probe::scratchFile("kindlet.log");
-  std::ofstream(path) << "earlier line\n";
-  const probe::Result r =
-      probe::run({"SELVANE_LOG_FILE=" + path, "SELVANE_LOG_LEVEL=debug"}, {"log"});
-  ASSERT_EQ(r.status, 0);
-  EXPECT_THAT(r.errLines, IsEmpty());
+  const std::string path = kindlettest::scratch().write("kindlet.log", "earlier line\n");
+  const kindlettest::RunResult r =
+      probe({{"SELVANE_LOG_FILE", path}, {"SELVANE_LOG_LEVEL", "debug"}}, {"log"});
+  ASSERT_EQ(r.exitStatus, 0);
+  EXPECT_EQ(r.err, "");
   std::vector<std::string> expected{"earlier line"};
   expected.insert(expected.end(), kAllLines.begin(), kAllLines.end());
-  EXPECT_EQ(probe::readLines(path), expected);
+  EXPECT_EQ(kindlettest::readLines(path), expected);
 
   // A file that cannot be opened falls back to standard error.
-  const probe::Result fallback =
-      probe::run({"SELVANE_LOG_FILE=" + probe::scratchFile("no/such/dir.log")}, {"log"});
-  EXPECT_EQ(fallback.errLines, firstLines(3));
+  const kindlettest::RunResult fallback =
+      probe({{"SELVANE_LOG_FILE", kindlettest::scratch().file("no/such/dir.log")}}, {"log"});
+  EXPECT_EQ(kindlettest::splitLines(fallback.err), firstLines(3));
 }
 
 TEST(Logging, ThresholdCanBeChangedInProcess) {

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 
-#include "TestSupport.h"
+#include "KindletTestSupport.h"
+#include "XoConfiguration/Configuration.h"
 #include "XoRendererPlugin/XoRendererPluginManager.h"
 #include "XoScenegraph/XoArbolite3.h"
 
@@ -18,9 +19,20 @@ using testing::Not;
 
 namespace {
 
+// Discovery reads these once, and its first message fixes the log's
+// destination: set before any test runs. Info level, whatever the caller's:
+// the error lines are read back.
+const std::string logPath = [] {
+  auto& config = Arbolite3::XoConfiguration::v1::Config();
+  config.erase("SELVANE_ROOT");
+  config.set("SELVANE_RENDERER_PLUGIN_PATH",
+             std::string(SHIPPED_PLUGIN_DIR) + ":" + TEST_PLUGIN_DIR + "::/nonexistent/dir");
+  return kindlettest::logToScratch("info");
+}();
+
 std::vector<std::string> errorLines() {
   std::vector<std::string> errors;
-  for (const std::string& line : testsupport::readLines(testsupport::logFile()))
+  for (const std::string& line : kindlettest::readLines(logPath))
     if (line.rfind("[ERROR RendererPlugins] ", 0) == 0) errors.push_back(line);
   return errors;
 }
@@ -70,39 +82,39 @@ TEST(PluginDiscovery, InfoPluginIsTheRegisteredOne) {
 }
 
 TEST(PluginDiscovery, DuplicateNameKeepsTheFirstLibrary) {
-  const std::string record = testsupport::scratchDir() + "/duplicate.txt";
-  auto args = testsupport::stringGroup({{"recordFile", record}});
+  const std::string record = kindlettest::scratch().path() + "/duplicate.txt";
+  auto args = kindlettest::stringGroup({{"recordFile", record}});
   // The later "recording" of the test library has no create function, so a
   // working instance proves the shipped one won.
   auto plugin = XoRendererPluginManager::getRendererPlugin("recording", nullptr, args.getHandle());
   ASSERT_NE(plugin.handle, nullptr);
-  EXPECT_THAT(testsupport::readLines(record), ElementsAre(testing::StartsWith("create ")));
+  EXPECT_THAT(kindlettest::readLines(record), ElementsAre(testing::StartsWith("create ")));
   XoRendererPluginManager::destroyInstances();
 }
 
 TEST(PluginInstances, DestroyedNewestFirstWhenTheSceneLibraryGoes) {
-  const std::string log = testsupport::scratchDir() + "/instances.txt";
+  const std::string log = kindlettest::scratch().path() + "/instances.txt";
   ASSERT_EQ(XoArbolite3InitializeMinimally(0), 0);
   std::vector<Arbolite3::internal::XoAttribute::GroupAttribute> args;
   for (const char* id : {"1", "2"}) {
-    args.push_back(testsupport::stringGroup({{"log", log}, {"id", id}}));
+    args.push_back(kindlettest::stringGroup({{"log", log}, {"id", id}}));
     auto plugin = XoRendererPluginManager::getRendererPlugin("alpha", nullptr,
                                                              args.back().getHandle());
     ASSERT_NE(plugin.handle, nullptr);
     EXPECT_EQ(plugin.suite->setup(plugin.handle), 42);
   }
-  EXPECT_THAT(testsupport::readLines(log), ElementsAre("create 1", "create 2"));
+  EXPECT_THAT(kindlettest::readLines(log), ElementsAre("create 1", "create 2"));
   XoArbolite3Uninitialize();
-  EXPECT_THAT(testsupport::readLines(log),
+  EXPECT_THAT(kindlettest::readLines(log),
               ElementsAre("create 1", "create 2", "destroy 2", "destroy 1"));
 
   // A later instance is destroyed by the next uninitialise, and only once.
   ASSERT_EQ(XoArbolite3InitializeMinimally(0), 0);
-  args.push_back(testsupport::stringGroup({{"log", log}, {"id", "3"}}));
+  args.push_back(kindlettest::stringGroup({{"log", log}, {"id", "3"}}));
   XoRendererPluginManager::getRendererPlugin("alpha", nullptr, args.back().getHandle());
   XoArbolite3Uninitialize();
   XoArbolite3Uninitialize();
-  EXPECT_THAT(testsupport::readLines(log),
+  EXPECT_THAT(kindlettest::readLines(log),
               ElementsAre("create 1", "create 2", "destroy 2", "destroy 1", "create 3",
                           "destroy 3"));
 }

@@ -56,6 +56,7 @@ TEST(AttributeJson, TypedFormGivesTupleSizesDoublesAndGroupFlags) {
   EXPECT_GT(special[2], 0.0f);  // the smallest denormal, not zero
   EXPECT_EQ(parse(R"("NaN")").getType(), kTypeString);  // plain texts stay texts
   EXPECT_EQ(parse(R"({"$type": "null"})").getType(), kTypeNull);
+  EXPECT_EQ(parse("\xEF\xBB\xBF{}").getType(), kTypeGroup);  // a whole byte-order mark
   GroupAttribute g(parse(R"({"$type": "group", "$groupInherit": false, "$value": {"$odd": 1}})"));
   ASSERT_TRUE(g.isValid());
   EXPECT_FALSE(g.getGroupInherit());
@@ -84,6 +85,11 @@ TEST(AttributeJson, RejectsAmbiguousOrBrokenInput) {
       {R"({"$type": "int", "$groupInherit": true})", "groups only"},
       {R"({"$type": "group", "$value": [1]})", "must be an object"},
       {R"({"$type": "int", "value": 1})", "unknown key \"value\""},
+      // The parser's stream would end the text at the NUL and read 123.
+      {std::string("123\0 00", 6), "byte 3: a NUL byte"},
+      // Only a whole byte-order mark is skipped, not a prefix of one.
+      {"\xEF\xBB{}", "JSON error at byte 0"},
+      {"\xEF\xBB\xBF\xBF{}", "JSON error at byte 3"},
   };
   for (const auto& c : cases) {
     std::string error;

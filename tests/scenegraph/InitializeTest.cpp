@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "SceneTestSupport.h"
+#include "KindletTestSupport.h"
 #include "XoConfiguration/Configuration.h"
 #include "XoScenegraph/XoArbolite3.h"
 
@@ -18,10 +18,13 @@ using testing::IsEmpty;
 
 namespace {
 
+// Every log line of this program goes to a scratch file, set before anything logs.
+const std::string logPath = kindlettest::logToScratch();
+
 auto& config() { return Arbolite3::XoConfiguration::v1::Config(); }
 
 std::string makeDir(const std::string& relative) {
-  const std::string path = scenetest::scratchDir() + "/" + relative;
+  const std::string path = kindlettest::scratch().path() + "/" + relative;
   std::filesystem::create_directories(path);
   return path;
 }
@@ -30,7 +33,7 @@ class Initialize : public testing::Test {
  protected:
   void SetUp() override {
     reset();
-    scenetest::newLogLines();
+    kindlettest::newLogLines();
   }
   void TearDown() override { reset(); }
   static void reset() {
@@ -42,11 +45,11 @@ class Initialize : public testing::Test {
 
 TEST_F(Initialize, SecondStageNeedsTheFirst) {
   EXPECT_NE(XoArbolite3Initialize(0), 0);
-  EXPECT_THAT(scenetest::newLogLines(),
+  EXPECT_THAT(kindlettest::newLogLines(),
               ElementsAre(AllOf(HasSubstr("[ERROR Arbolite3] "), HasSubstr("before"))));
   EXPECT_EQ(XoArbolite3InitializeMinimally(0), 0);
   EXPECT_EQ(XoArbolite3Initialize(0), 0);  // no directories configured
-  EXPECT_THAT(scenetest::newLogLines(), IsEmpty());
+  EXPECT_THAT(kindlettest::newLogLines(), IsEmpty());
 }
 
 TEST_F(Initialize, ScansTheRootAndTheListedDirectories) {
@@ -55,27 +58,27 @@ TEST_F(Initialize, ScansTheRootAndTheListedDirectories) {
   config().set("SELVANE_RENDERER_PLUGIN_PATH", makeDir("one") + "::" + makeDir("two") + ":");
   ASSERT_EQ(XoArbolite3InitializeMinimally(0), 0);
   EXPECT_EQ(XoArbolite3Initialize(0), 0);
-  EXPECT_THAT(scenetest::newLogLines(), IsEmpty());
+  EXPECT_THAT(kindlettest::newLogLines(), IsEmpty());
 }
 
 TEST_F(Initialize, FailsOnADirectoryThatCannotBeScanned) {
-  const std::string missing = scenetest::scratchDir() + "/missing";
+  const std::string missing = kindlettest::scratch().path() + "/missing";
   config().set("SELVANE_RENDERER_PLUGIN_PATH", makeDir("fine") + ":" + missing);
   ASSERT_EQ(XoArbolite3InitializeMinimally(0), 0);
   EXPECT_NE(XoArbolite3Initialize(0), 0);
-  EXPECT_THAT(scenetest::newLogLines(),
+  EXPECT_THAT(kindlettest::newLogLines(),
               ElementsAre(AllOf(HasSubstr("[ERROR Arbolite3] Cannot scan plug-in directory \"" +
                                           missing + "\""),
                                 HasSubstr("does not exist"))));
 
   // A plain file in the list, and a root without plugins/Libs, fail the same way.
-  config().set("SELVANE_RENDERER_PLUGIN_PATH", scenetest::writeFile("plain", "x"));
+  config().set("SELVANE_RENDERER_PLUGIN_PATH", kindlettest::scratch().write("plain", "x"));
   EXPECT_NE(XoArbolite3Initialize(0), 0);
-  EXPECT_THAT(scenetest::newLogLines(), ElementsAre(HasSubstr("Not a directory")));
+  EXPECT_THAT(kindlettest::newLogLines(), ElementsAre(HasSubstr("Not a directory")));
   config().erase("SELVANE_RENDERER_PLUGIN_PATH");
   config().set("SELVANE_ROOT", makeDir("emptyroot"));
   EXPECT_NE(XoArbolite3Initialize(0), 0);
-  EXPECT_THAT(scenetest::newLogLines(), ElementsAre(HasSubstr("emptyroot/plugins/Libs")));
+  EXPECT_THAT(kindlettest::newLogLines(), ElementsAre(HasSubstr("emptyroot/plugins/Libs")));
 
   // Once the directory is there, the same call succeeds.
   makeDir("emptyroot/plugins/Libs");

@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "SceneTestSupport.h"
+#include "KindletTestSupport.h"
 #include "XoScenegraph/XoScenegraphIterator.h"
 
 using Arbolite3::internal::XoScenegraphIterator;
@@ -12,6 +12,10 @@ using namespace Arbolite3::internal::XoAttribute;
 using testing::ElementsAre;
 
 namespace {
+
+std::string example(const std::string& name) {
+  return std::string(KINDLET_SOURCE_DIR) + "/examples/" + name;
+}
 
 std::vector<std::string> childNames(const XoScenegraphIterator& parent) {
   std::vector<std::string> names;
@@ -22,7 +26,7 @@ std::vector<std::string> childNames(const XoScenegraphIterator& parent) {
 
 TEST(OpTreeRead, ExampleSceneNavigatesAndLooksUpAttributes) {
   XoScenegraphIterator root =
-      XoScenegraphIterator::getIteratorFromFile(scenetest::examplePath("scene.optree.json"));
+      XoScenegraphIterator::getIteratorFromFile(example("scene.optree.json"));
   ASSERT_TRUE(root.isValid());
   EXPECT_EQ(root.getName(), "root");
   EXPECT_EQ(root.getFullName(), "/root");
@@ -56,7 +60,7 @@ TEST(OpTreeRead, ExampleSceneNavigatesAndLooksUpAttributes) {
 
 TEST(OpTreeRead, FrameFilesLoad) {
   for (const char* name : {"frames/shot.000001.optree.json", "frames/shot.000002.optree.json"}) {
-    XoScenegraphIterator root = XoScenegraphIterator::getIteratorFromFile(scenetest::examplePath(name));
+    XoScenegraphIterator root = XoScenegraphIterator::getIteratorFromFile(example(name));
     ASSERT_TRUE(root.isValid()) << name;
     EXPECT_TRUE(root.getChildByName("world").getChildByName("lgt").getChildByName("sun").isValid());
   }
@@ -95,7 +99,7 @@ TEST(OpTreeRead, CursorsKeepTheTreeAliveAndCrossTheCBoundary) {
 // Copies of cursors on one tree are walked and dropped on several threads.
 TEST(OpTreeRead, ConcurrentWalksShareOneTree) {
   XoScenegraphIterator root =
-      XoScenegraphIterator::getIteratorFromFile(scenetest::examplePath("scene.optree.json"));
+      XoScenegraphIterator::getIteratorFromFile(example("scene.optree.json"));
   ASSERT_TRUE(root.isValid());
   std::vector<std::thread> threads;
   std::vector<int> counts(4, 0);

@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-#include "SceneTestSupport.h"
+#include "KindletTestSupport.h"
 #include "XoScenegraph/XoScenegraphIterator.h"
 
 using Arbolite3::internal::XoScenegraphIterator;
@@ -16,29 +16,29 @@ namespace {
 
 // Loading `path` fails with exactly one error line naming the file and `reason`.
 void expectRejected(const std::string& path, const std::string& reason) {
-  scenetest::newLogLines();
+  kindlettest::newLogLines();
   EXPECT_FALSE(XoScenegraphIterator::getIteratorFromFile(path).isValid()) << path;
-  EXPECT_THAT(scenetest::newLogLines(),
+  EXPECT_THAT(kindlettest::newLogLines(),
               ElementsAre(AllOf(StartsWith("[ERROR Arbolite3] Cannot load Op tree file \"" + path + "\": "),
                                 HasSubstr(reason))));
 }
 
 TEST(OpTreeReject, FilesThatCannotBeRead) {
-  expectRejected(scenetest::scratchDir() + "/missing.json", "does not exist");
-  const std::string dir = scenetest::scratchDir() + "/adirectory.json";
+  expectRejected(kindlettest::scratch().path() + "/missing.json", "does not exist");
+  const std::string dir = kindlettest::scratch().path() + "/adirectory.json";
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
   expectRejected(dir, "is a directory");
   expectRejected("/dev/null", "not a regular file");
 }
 
 TEST(OpTreeReject, TextThatIsNotJson) {
-  expectRejected(scenetest::writeFile("empty.json", ""), "JSON error at byte 0");
-  expectRejected(scenetest::writeFile("text.json", "camera at the origin\n"), "JSON error");
-  expectRejected(scenetest::writeFile("cut.json", R"({"optree": 1, "root": {"children": [)"),
+  expectRejected(kindlettest::scratch().write("empty.json", ""), "JSON error at byte 0");
+  expectRejected(kindlettest::scratch().write("text.json", "camera at the origin\n"), "JSON error");
+  expectRejected(kindlettest::scratch().write("cut.json", R"({"optree": 1, "root": {"children": [)"),
                  "JSON error");
-  expectRejected(scenetest::writeFile("trailing.json", R"({"optree": 1, "root": {}} x)"),
+  expectRejected(kindlettest::scratch().write("trailing.json", R"({"optree": 1, "root": {}} x)"),
                  "JSON error");
-  expectRejected(scenetest::writeFile("latin1.json", "{\"optree\": 1, \"root\": {\"type\": \"\xe9\"}}"),
+  expectRejected(kindlettest::scratch().write("latin1.json", "{\"optree\": 1, \"root\": {\"type\": \"\xe9\"}}"),
                  "JSON error");
 }
 
@@ -66,7 +66,7 @@ TEST(OpTreeReject, JsonOfTheWrongShape) {
     EXPECT_FALSE(XoScenegraphIterator::getIteratorFromText(c.first, &error).isValid()) << c.first;
     EXPECT_THAT(error, AllOf(StartsWith("not a valid Op tree: "), HasSubstr(c.second))) << c.first;
   }
-  expectRejected(scenetest::writeFile("shape.json", cases[1].first), "missing \"optree\"");
+  expectRejected(kindlettest::scratch().write("shape.json", cases[1].first), "missing \"optree\"");
 }
 
 TEST(OpTreeReject, NestingIsCapped) {

@@ -1,3 +1,5 @@
+#include <sys/socket.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -12,12 +14,16 @@
 
 #include <gtest/gtest.h>
 
-#include "LocalListener.h"
+#include "KindletTestSupport.h"
 #include "UTIL/src/Socket.h"
 
 using Arbolite3::Base::FileDescriptor;
 using UTIL::IPC::Byte;
 using UTIL::IPC::TCPSocket;
+
+using kindlettest::LocalListener;
+using kindlettest::resetConnection;
+using kindlettest::sendAll;
 
 namespace {
 

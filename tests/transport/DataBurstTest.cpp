@@ -1,5 +1,7 @@
 // Many frames in a row through the data channel, and bytes received ahead of
 // a reader that stops: nothing may be lost, doubled or reordered.
+#include <sys/socket.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -12,7 +14,7 @@
 
 #include "KINDLET/src/RenderManager.h"
 #include "KINDLET/src/RerenderControl/RerenderIPC.h"
-#include "LocalListener.h"
+#include "KindletTestSupport.h"
 #include "UTIL/src/Socket.h"
 #include "XoAttribute/Attribute.h"
 
@@ -21,6 +23,9 @@ using namespace Arbolite3::internal::XoAttribute;
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:RerenderIPC::connectData\n";
 }
+
+using kindlettest::LocalListener;
+using kindlettest::sendAll;
 
 namespace {
 

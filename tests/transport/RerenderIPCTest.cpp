@@ -11,7 +11,7 @@
 
 #include "KINDLET/src/RenderManager.h"
 #include "KINDLET/src/RerenderControl/RerenderIPC.h"
-#include "LocalListener.h"
+#include "KindletTestSupport.h"
 #include "RecordingSuite.h"
 #include "UTIL/src/Exceptions.h"
 #include "XoAttribute/Attribute.h"
@@ -38,6 +38,10 @@ extern "C" const char* __tsan_default_suppressions() {
          "race:Rendering::Manager::storeLiveRenderState\n";
 }
 
+using kindlettest::LocalListener;
+using kindlettest::resetConnection;
+using kindlettest::sendAll;
+
 namespace {
 
 GroupAttribute update(const std::string& name, const std::string& value) {
@@ -46,18 +50,10 @@ GroupAttribute update(const std::string& name, const std::string& value) {
   return builder.build();
 }
 
-std::string frame(const std::string& payload) {
-  const uint64_t length = payload.size();
-  return std::string(reinterpret_cast<const char*>(&length), sizeof length) + payload;
-}
-
+std::string frame(const std::string& payload) { return kindlettest::dataFrame(payload); }
 std::string frame(const GroupAttribute& group) { return frame(group.getBinary()); }
 
-std::string record(const std::string& text) {
-  std::string result(256, '\0');
-  result.replace(0, text.size(), text);
-  return result;
-}
+std::string record(const std::string& text) { return kindlettest::controlRecord(text); }
 
 std::string submitted(const GroupAttribute& group) { return "submitUpdate " + group.getXML(); }
 

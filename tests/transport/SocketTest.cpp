@@ -8,12 +8,16 @@
 
 #include <gtest/gtest.h>
 
-#include "LocalListener.h"
+#include "KindletTestSupport.h"
 #include "UTIL/src/Socket.h"
 
 using Arbolite3::Base::FileDescriptor;
 using UTIL::IPC::Byte;
 using UTIL::IPC::TCPSocket;
+
+using kindlettest::LocalListener;
+using kindlettest::resetConnection;
+using kindlettest::sendAll;
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "JsonReading.h"
 
 #include <charconv>
+#include <cstring>
 #include <system_error>
 
 #include <rapidjson/memorystream.h>
-#include <rapidjson/encodedstream.h>
 #include <rapidjson/reader.h>
 
 namespace Arbolite3 {
@@ -89,14 +89,26 @@ struct Generator {
   size_t size;
   rapidjson::ParseResult* result;
   bool badText = false;
+  bool nulByte = false;
 
   template <typename Handler>
   bool operator()(Handler& document) {
-    rapidjson::MemoryStream bytes(data, size);
-    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> input(bytes);
+    // The stream ends the text at a NUL, so one is refused before parsing
+    // (JSON has no place for it); and only a whole byte-order mark is
+    // skipped: the stream's own skipping takes any prefix of one.
+    if (const void* nul = std::memchr(data, '\0', size)) {
+      *result = rapidjson::ParseResult(rapidjson::kParseErrorValueInvalid,
+                                       static_cast<const char*>(nul) - data);
+      nulByte = true;
+      return false;
+    }
+    size_t start = 0;
+    if (size >= 3 && std::memcmp(data, "\xEF\xBB\xBF", 3) == 0) start = 3;
+    rapidjson::MemoryStream input(data + start, size - start);
     NumberMarker<Handler> marker{document};
     rapidjson::Reader reader;
     *result = reader.Parse<kJsonParseFlags>(input, marker);
+    if (result->IsError()) *result = rapidjson::ParseResult(result->Code(), result->Offset() + start);
     badText = marker.badText;
     return !result->IsError();
   }
@@ -135,8 +147,9 @@ bool parseJson(rapidjson::Document& document, const char* data, size_t size, std
   if (!result.IsError()) return true;
   if (error != nullptr)
     *error = "JSON error at byte " + std::to_string(result.Offset()) + ": " +
-             (generator.badText ? "a \\u escape gives a lone surrogate, which is not UTF-8"
-                                : rapidjson::GetParseError_En(result.Code()));
+             (generator.nulByte   ? "a NUL byte, which JSON text cannot hold"
+              : generator.badText ? "a \\u escape gives a lone surrogate, which is not UTF-8"
+                                  : rapidjson::GetParseError_En(result.Code()));
   return false;
 }
 

@@ -44,6 +44,13 @@ class TestPlugin {
   // Runs inside submitUpdate, before the update is recorded.
   std::function<void()> onSubmit;
   int32_t setupResult = 0;
+  // hasQueuedUpdates is recorded too ("hasQueuedUpdates 0" or "... 1").
+  bool recordQueries = true;
+  // submitUpdate is recorded with the update's XML ("submitUpdate <xml>").
+  bool describeUpdates = false;
+
+  // Forgets the calls and updates so far.
+  void reset();
 
  private:
   static TestPlugin& self(XoRendererPluginHandle handle) {

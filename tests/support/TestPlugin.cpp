@@ -19,6 +19,14 @@ TestPlugin::TestPlugin() {
   table.teardown = teardown;
 }
 
+void TestPlugin::reset() {
+  std::lock_guard<std::mutex> lock(mutex);
+  log.clear();
+  submitted.clear();
+  handles.clear();
+  pending = 0;
+}
+
 void TestPlugin::record(const std::string& line) {
   std::lock_guard<std::mutex> lock(mutex);
   log.push_back(line);
@@ -30,13 +38,19 @@ std::vector<std::string> TestPlugin::calls() const {
   return log;
 }
 
+namespace {
+
+bool isCallOf(const std::string& call, const std::string& slot) {
+  return call.compare(0, slot.size(), slot) == 0 &&
+         (call.size() == slot.size() || call[slot.size()] == ' ');
+}
+
+}  // namespace
+
 std::vector<std::string> TestPlugin::callsOf(const std::string& slot) const {
   std::vector<std::string> result;
-  for (const std::string& call : calls()) {
-    if (call.compare(0, slot.size(), slot) == 0 &&
-        (call.size() == slot.size() || call[slot.size()] == ' '))
-      result.push_back(call);
-  }
+  for (const std::string& call : calls())
+    if (isCallOf(call, slot)) result.push_back(call);
   return result;
 }
 
@@ -65,10 +79,7 @@ bool TestPlugin::waitForCount(const std::string& slot, size_t n,
                               std::chrono::milliseconds limit) const {
   return waitUntil([&](const std::vector<std::string>& calls) {
     size_t found = 0;
-    for (const std::string& call : calls)
-      if (call.compare(0, slot.size(), slot) == 0 &&
-          (call.size() == slot.size() || call[slot.size()] == ' '))
-        ++found;
+    for (const std::string& call : calls) found += isCallOf(call, slot);
     return found >= n;
   }, limit);
 }
@@ -116,7 +127,7 @@ int32_t TestPlugin::submitUpdate(XoRendererPluginHandle h, XoAttributeStruct* up
   if (plugin.onSubmit) plugin.onSubmit();
   Attribute kept = Attribute::fromHandle(update);
   std::lock_guard<std::mutex> lock(plugin.mutex);
-  plugin.log.push_back("submitUpdate");
+  plugin.log.push_back(plugin.describeUpdates ? "submitUpdate " + kept.getXML() : "submitUpdate");
   plugin.submitted.push_back(kept);
   plugin.handles.push_back(update);
   ++plugin.pending;
@@ -127,8 +138,10 @@ int32_t TestPlugin::submitUpdate(XoRendererPluginHandle h, XoAttributeStruct* up
 int32_t TestPlugin::hasQueuedUpdates(XoRendererPluginHandle h) {
   TestPlugin& plugin = self(h);
   std::lock_guard<std::mutex> lock(plugin.mutex);
-  plugin.log.push_back(plugin.pending > 0 ? "hasQueuedUpdates 1" : "hasQueuedUpdates 0");
-  plugin.changed.notify_all();
+  if (plugin.recordQueries) {
+    plugin.log.push_back(plugin.pending > 0 ? "hasQueuedUpdates 1" : "hasQueuedUpdates 0");
+    plugin.changed.notify_all();
+  }
   // Only the low byte counts: the high bits must not make "none" look true.
   return plugin.pending > 0 ? 0x101 : 0x100;
 }
