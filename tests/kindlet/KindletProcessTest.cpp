@@ -108,7 +108,7 @@ TEST_F(Kindlet, BatchRenderLeavesTheLiveSessionLibraryUnloaded) {
   const std::string trace = dir.file("loader");
   const RunResult result = run({}, {{"LD_DEBUG", "files"}, {"LD_DEBUG_OUTPUT", trace}});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
-  const std::string loaded = readFile(trace + "." + std::to_string(result.pid));
+  const std::string loaded = kindlettest::readFile(trace + "." + std::to_string(result.pid));
   EXPECT_NE(loaded.find("libXoLiveRendering.so"), std::string::npos) << "no loader trace";
   EXPECT_EQ(loaded.find("libzmq"), std::string::npos) << loaded;
 }
