@@ -102,6 +102,17 @@ TEST_F(Kindlet, BatchRenderCallsThePluginInOrderOnTheMainThread) {
   EXPECT_EQ(result.err.find("Finished rendering scene"), std::string::npos) << result.err;
 }
 
+// The messaging library of live sessions is opened by the first session;
+// a batch render must not pay for mapping it and its dependencies.
+TEST_F(Kindlet, BatchRenderLeavesTheLiveSessionLibraryUnloaded) {
+  const std::string trace = dir.file("loader");
+  const RunResult result = run({}, {{"LD_DEBUG", "files"}, {"LD_DEBUG_OUTPUT", trace}});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  const std::string loaded = kindlettest::readFile(trace + "." + std::to_string(result.pid));
+  EXPECT_NE(loaded.find("libXoLiveRendering.so"), std::string::npos) << "no loader trace";
+  EXPECT_EQ(loaded.find("libzmq"), std::string::npos) << loaded;
+}
+
 TEST_F(Kindlet, EveryOptionReachesThePluginIncludingUnknownAndIndexedOnes) {
   const RunResult result =
       run({{"customFlag", "yes"}, {"threads", ""}, {"sequenceID", "0x10"}, {"host", ""}});

@@ -1,12 +1,12 @@
 #include "LiveRendering/LiveRenderClient.h"
 
 #include <unistd.h>
-#include <zmq.h>
 
 #include <cerrno>
 #include <cstdio>
 
 #include "LiveRendering/LiveRenderProtocol.h"
+#include "ZmqLibrary.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 
 namespace Morrigo {
@@ -29,14 +29,14 @@ const int kHeartbeatTimeoutMs = 3000;
 const int kReconnectMaxMs = 1000;
 const int kLingerMs = 200;  // time the goodbye gets to leave at the end
 
-std::string zmqError() { return zmq_strerror(zmq_errno()); }
+std::string zmqError(const ZmqLibrary& zmq) { return zmq.zmq_strerror(zmq.zmq_errno()); }
 
-void setOption(void* socket, int option, int value) {
-  zmq_setsockopt(socket, option, &value, sizeof value);
+void setOption(const ZmqLibrary& zmq, void* socket, int option, int value) {
+  zmq.zmq_setsockopt(socket, option, &value, sizeof value);
 }
 
-void closeSocket(void*& socket) {
-  if (socket != nullptr) zmq_close(socket);
+void closeSocket(const ZmqLibrary& zmq, void*& socket) {
+  if (socket != nullptr) zmq.zmq_close(socket);
   socket = nullptr;
 }
 
@@ -45,16 +45,17 @@ void closeSocket(void*& socket) {
 LiveRenderClient::LiveRenderClient() = default;
 
 LiveRenderClient::~LiveRenderClient() {
+  if (zmq == nullptr) return;  // no session was ever started
   if (thread.joinable()) {
-    zmq_send(stopSender, "", 0, 0);
+    zmq->zmq_send(stopSender, "", 0, 0);
     thread.join();
   }
-  if (socket != nullptr) zmq_socket_monitor(socket, nullptr, 0);
-  closeSocket(monitor);
-  closeSocket(stopSender);
-  closeSocket(stopReceiver);
-  closeSocket(socket);
-  if (context != nullptr) zmq_ctx_term(context);
+  if (socket != nullptr) zmq->zmq_socket_monitor(socket, nullptr, 0);
+  closeSocket(*zmq, monitor);
+  closeSocket(*zmq, stopSender);
+  closeSocket(*zmq, stopReceiver);
+  closeSocket(*zmq, socket);
+  if (context != nullptr) zmq->zmq_ctx_term(context);
 }
 
 void LiveRenderClient::initializeSession(
@@ -90,28 +91,33 @@ void LiveRenderClient::initializeSession(
   }
   registerMessage = encodeRegister(registration);
 
-  context = zmq_ctx_new();
-  socket = zmq_socket(context, ZMQ_DEALER);
-  setOption(socket, ZMQ_LINGER, kLingerMs);
-  setOption(socket, ZMQ_HEARTBEAT_IVL, kHeartbeatIntervalMs);
-  setOption(socket, ZMQ_HEARTBEAT_TIMEOUT, kHeartbeatTimeoutMs);
-  setOption(socket, ZMQ_RECONNECT_IVL_MAX, kReconnectMaxMs);
+  try {
+    zmq = &ZmqLibrary::get();
+  } catch (const Rendering::RendererPluginError& error) {
+    throw Rendering::RendererPluginError(what + error.what());
+  }
+  context = zmq->zmq_ctx_new();
+  socket = zmq->zmq_socket(context, ZMQ_DEALER);
+  setOption(*zmq, socket, ZMQ_LINGER, kLingerMs);
+  setOption(*zmq, socket, ZMQ_HEARTBEAT_IVL, kHeartbeatIntervalMs);
+  setOption(*zmq, socket, ZMQ_HEARTBEAT_TIMEOUT, kHeartbeatTimeoutMs);
+  setOption(*zmq, socket, ZMQ_RECONNECT_IVL_MAX, kReconnectMaxMs);
   // The thread learns of each connection and loss from the socket's own
   // events: one error line per outage, not one per reconnection attempt.
   char name[64];
   snprintf(name, sizeof name, "inproc://live-render-events-%p", static_cast<void*>(this));
-  zmq_socket_monitor(socket, name, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
-  monitor = zmq_socket(context, ZMQ_PAIR);
-  zmq_connect(monitor, name);
+  zmq->zmq_socket_monitor(socket, name, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
+  monitor = zmq->zmq_socket(context, ZMQ_PAIR);
+  zmq->zmq_connect(monitor, name);
   snprintf(name, sizeof name, "inproc://live-render-stop-%p", static_cast<void*>(this));
-  stopReceiver = zmq_socket(context, ZMQ_PAIR);
-  zmq_bind(stopReceiver, name);
-  stopSender = zmq_socket(context, ZMQ_PAIR);
-  zmq_connect(stopSender, name);
+  stopReceiver = zmq->zmq_socket(context, ZMQ_PAIR);
+  zmq->zmq_bind(stopReceiver, name);
+  stopSender = zmq->zmq_socket(context, ZMQ_PAIR);
+  zmq->zmq_connect(stopSender, name);
 
-  if (zmq_connect(socket, endpoint.c_str()) != 0) {
+  if (zmq->zmq_connect(socket, endpoint.c_str()) != 0) {
     throw Rendering::RendererPluginError(what + "cannot connect to " + endpoint + ": " +
-                                         zmqError());
+                                         zmqError(*zmq));
   }
   onUpdate = std::move(updateCallback);
   onCommand = std::move(commandCallback);
@@ -123,32 +129,33 @@ void LiveRenderClient::receive() {
   bool lost = false;
   std::string command;  // reused: a command costs no allocation once it has grown
   zmq_msg_t message;
-  zmq_msg_init(&message);
+  zmq->zmq_msg_init(&message);
   zmq_pollitem_t items[3] = {{socket, 0, ZMQ_POLLIN, 0},
                              {monitor, 0, ZMQ_POLLIN, 0},
                              {stopReceiver, 0, ZMQ_POLLIN, 0}};
   for (;;) {
-    if (zmq_poll(items, 3, -1) < 0) {
-      if (zmq_errno() == EINTR) continue;
+    if (zmq->zmq_poll(items, 3, -1) < 0) {
+      if (zmq->zmq_errno() == EINTR) continue;
       break;
     }
     if (items[2].revents & ZMQ_POLLIN) break;
 
     if (items[1].revents & ZMQ_POLLIN) {
       // An event is two frames: 6 bytes (u16 event, u32 value), then the endpoint.
-      while (zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
+      while (zmq->zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
         uint16_t event = 0;
-        if (zmq_msg_size(&message) >= 2)
-          event = static_cast<uint16_t>(static_cast<unsigned char*>(zmq_msg_data(&message))[0] |
-                                        static_cast<unsigned char*>(zmq_msg_data(&message))[1] << 8);
-        while (zmq_msg_more(&message) && zmq_msg_recv(&message, monitor, 0) >= 0) {
+        if (zmq->zmq_msg_size(&message) >= 2) {
+          const auto* bytes = static_cast<const unsigned char*>(zmq->zmq_msg_data(&message));
+          event = static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+        }
+        while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, monitor, 0) >= 0) {
         }
         if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
           if (lost && channel().infoEnabled())
             channel().info("LiveRenderClient: the controller at " + endpoint +
                                " is back; registering the session again.",
                            kSource, __LINE__);
-          zmq_send(socket, registerMessage.data(), registerMessage.size(), ZMQ_DONTWAIT);
+          zmq->zmq_send(socket, registerMessage.data(), registerMessage.size(), ZMQ_DONTWAIT);
           connected = true;
           lost = false;
         } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
@@ -164,17 +171,17 @@ void LiveRenderClient::receive() {
     }
 
     if (items[0].revents & ZMQ_POLLIN) {
-      while (zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) {
+      while (zmq->zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) {
         std::string error;
         ControllerMessage decoded;
         bool ok;
-        if (zmq_msg_more(&message)) {
-          while (zmq_msg_more(&message) && zmq_msg_recv(&message, socket, 0) >= 0) {
+        if (zmq->zmq_msg_more(&message)) {
+          while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, socket, 0) >= 0) {
           }
           ok = false;
           error = "a message of several frames";
         } else {
-          ok = decodeControllerMessage(zmq_msg_data(&message), zmq_msg_size(&message),
+          ok = decodeControllerMessage(zmq->zmq_msg_data(&message), zmq->zmq_msg_size(&message),
                                        sequenceText, decoded, error);
         }
         if (!ok) {
@@ -202,9 +209,9 @@ void LiveRenderClient::receive() {
       }
     }
   }
-  zmq_msg_close(&message);
+  zmq->zmq_msg_close(&message);
   const char bye = static_cast<char>(kBye);
-  zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
+  zmq->zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
 }
 
 }  // namespace LiveRendering

@@ -20,6 +20,8 @@ namespace Morrigo {
 namespace Selvane {
 namespace LiveRendering {
 
+struct ZmqLibrary;
+
 class LiveRenderClient {
  public:
   using UpdateCallback = std::function<void(const Arbolite3::internal::XoAttribute::GroupAttribute&)>;
@@ -33,7 +35,8 @@ class LiveRenderClient {
   LiveRenderClient& operator=(const LiveRenderClient&) = delete;
 
   // Once per client. Throws Rendering::RendererPluginError when there is no
-  // registry to connect to (empty host, port 0, an address ZeroMQ refuses).
+  // registry to connect to (empty host, port 0, an address ZeroMQ refuses)
+  // or when the ZeroMQ library, loaded by the first session, cannot be.
   // The controller need not be up yet: the session registers when it is.
   void initializeSession(const std::string& sessionName, long sequenceID,
                          const std::string& opTreeFile,
@@ -51,6 +54,7 @@ class LiveRenderClient {
   std::string stopEndpoint;
   UpdateCallback onUpdate;
   CommandCallback onCommand;
+  const ZmqLibrary* zmq = nullptr;  // set by initializeSession
   void* context = nullptr;
   void* socket = nullptr;   // DEALER to the registry; used by the thread alone once it runs
   void* monitor = nullptr;  // PAIR receiving the socket's connection events
