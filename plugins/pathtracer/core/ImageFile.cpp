@@ -51,10 +51,10 @@ bool writeImageAtomically(const std::string& path, int width, int height,
     return false;
   }
   const bool floating = ext == ".exr" || ext == ".hdr" || ext == ".tif" || ext == ".tiff";
-  OIIO::ImageSpec spec(width, height, 3, floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
+  OIIO::ImageSpec format(width, height, 3, floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
   // Live renders rewrite the file after every pass: speed over size.
-  if (ext == ".png") spec.attribute("png:compressionLevel", 1);
-  bool ok = out->open(temp, spec);
+  if (ext == ".png") format.attribute("png:compressionLevel", 1);
+  bool ok = out->open(temp, format);
   if (ok && floating) {
     ok = out->write_image(OIIO::TypeDesc::FLOAT, rgb.data());
   } else if (ok) {
