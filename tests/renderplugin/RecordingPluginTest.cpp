@@ -16,8 +16,6 @@
 using namespace Arbolite3::internal::XoAttribute;
 using Rendering::XoRendererPlugin;
 using Rendering::XoRendererPluginManager;
-using testing::ElementsAre;
-using testing::MatchesRegex;
 
 namespace {
 
@@ -41,103 +39,6 @@ class RecordingPlugin : public testing::Test {
   GroupAttribute arguments_;
 };
 
-TEST_F(RecordingPlugin, RecordsEverySlotWithItsThread) {
-  XoRendererPlugin p = create({{"setupResult", "7"}});
-  XoRendererPluginSuite& s = *p.suite;
-  EXPECT_EQ(s.setup(p.handle), 7);
-  s.start(p.handle);
-  s.startLiveEditing(p.handle);
-  std::string otherTid;
-  std::thread([&] {
-    otherTid = tid();
-    s.pauseRerender(p.handle);
-    s.handleControlCommand(p.handle, "frame 3\nnow");
-  }).join();
-  // A full command record has no terminator: only its 256 bytes count.
-  std::vector<char> full(256, 'a');
-  s.handleControlCommand(p.handle, full.data());
-  EXPECT_EQ(s.hasQueuedUpdates(p.handle) & 0xff, 0);
-  s.applyQueuedUpdates(p.handle);
-  s.stopLiveEditing(p.handle);
-  s.stop(p.handle);
-  s.teardown(p.handle);
-  XoRendererPluginManager::destroyInstances();
-
-  const std::string t = tid();
-  const std::vector<testing::Matcher<std::string>> expected = {
-      MatchesRegex("create " + t + " - \\{recordFile=\".*\",setupResult=\"7\"\\}"),
-      "setup " + t + " 7",
-      "start " + t,
-      "startLiveEditing " + t,
-      "pauseRerender " + otherTid,
-      "handleControlCommand " + otherTid + " frame 3\\nnow",
-      "handleControlCommand " + t + " " + std::string(256, 'a'),
-      "hasQueuedUpdates " + t + " 0",
-      "applyQueuedUpdates " + t + " 0",
-      "stopLiveEditing " + t,
-      "stop " + t,
-      "teardown " + t,
-      "destroy " + t + " 0"};
-  EXPECT_THAT(lines(), testing::ElementsAreArray(expected));
-  EXPECT_NE(otherTid, t);
-}
-
-Arbolite3::internal::XoScenegraphIterator sceneFile(const std::string& name,
-                                                   const std::string& json) {
-  const std::string path = kindlettest::scratch().path() + "/" + name;
-  std::ofstream(path) << json;
-  return Arbolite3::internal::XoScenegraphIterator::getIteratorFromFile(path);
-}
-
-TEST_F(RecordingPlugin, RecordsTheScenesItIsGiven) {
-  XoRendererPlugin p;
-  {
-    // The plug-in keeps the iterators alive after the caller dropped them.
-    auto first = sceneFile("first.json",
-                           R"({"optree": 1, "root": {"children": [{"name": "a"}, {"name": "b"}]}})");
-    ASSERT_TRUE(first.isValid());
-    p = create({}, first.getHandle());
-    auto second = sceneFile("second.json", R"({"optree": 1, "root": {"name": "top"}})");
-    ASSERT_TRUE(second.isValid());
-    p.suite->setSceneIterator(p.handle, second.getHandle());
-  }
-  XoRendererPluginManager::destroyInstances();
-  const std::string t = tid();
-  EXPECT_THAT(lines(), ElementsAre(MatchesRegex("create " + t + " /root\\(a,b\\) \\{recordFile=.*\\}"),
-                                   "setSceneIterator " + t + " /top()", "destroy " + t + " 0"));
-}
-
-TEST_F(RecordingPlugin, DescribesUpdatesOnOneLine) {
-  XoRendererPlugin p = create({});
-  GroupBuilder inner;
-  inner.set("f", FloatAttribute(2.5f));
-  const int32_t ints[] = {1, 2, 3};
-  GroupBuilder update;
-  update.set("b", IntAttribute(1))
-      .set("a", StringAttribute("say \"hi\"\n"))
-      .set("g", inner.build())
-      .set("v", IntAttribute(ints, 3, 1))
-      .set("d", DoubleAttribute(0.1))
-      .set("n", NullAttribute());
-  GroupAttribute built = update.build();
-  p.suite->submitUpdate(p.handle, built.getHandle());
-  p.suite->submitUpdate(p.handle, GroupBuilder().build().getHandle());
-  EXPECT_EQ(p.suite->hasQueuedUpdates(p.handle) & 0xff, 1);
-  XoRendererPluginManager::destroyInstances();
-
-  const std::string t = tid();
-  EXPECT_THAT(lines(),
-              ElementsAre(testing::StartsWith("create "),
-                          "submitUpdate " + t +
-                              " {b=1,a=\"say \\\"hi\\\"\\n\",g={f=2.5},v=[1 2 3],d=0.1,n=null}",
-                          "submitUpdate " + t + " {}", "hasQueuedUpdates " + t + " 1",
-                          // Unapplied updates are released, and counted, on destroy.
-                          "destroy " + t + " 2"));
-}
-
-// Several delivering threads submit while the "main loop" thread polls and
-// applies, as during a live render. Every update is applied exactly once, in
-// each thread's order, and no line is torn.
 TEST_F(RecordingPlugin, QueueSurvivesConcurrentSubmitAndApply) {
   constexpr int kThreads = 4;
   constexpr int kPerThread = 300;
