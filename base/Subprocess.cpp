@@ -60,6 +60,16 @@ template <size_t N>
   ::_exit(code);
 }
 
+// Closes the descriptors from `first` up to, not including, `end` (child
+// side). One system call where the kernel has it; older kernels get a walk
+// up to the descriptor limit, which costs a close per slot.
+void closeRange(unsigned first, unsigned end, long openMax) {
+  if (first >= end) return;
+  if (::close_range(first, end - 1, 0) == 0 || errno != ENOSYS) return;
+  for (long fd = first; fd < openMax && fd < static_cast<long>(end); ++fd)
+    ::close(static_cast<int>(fd));
+}
+
 void resetSignalDispositions() {
   for (int signalNumber = 1; signalNumber <= 64; ++signalNumber) ::signal(signalNumber, SIG_DFL);
 }
@@ -149,10 +159,14 @@ Subprocess Subprocess::start(const Options& options) {
       childFailed(errorPipe, 1, "dup2() failed\n");
     if (options.newProcessGroup && ::setpgid(0, 0) != 0)
       childFailed(errorPipe, 1, "setpgid() failed\n");
-    if (options.closeOtherFds && openMax > 3) {
-      for (long fd = 3; fd < openMax; ++fd)
-        if (!std::binary_search(keepBegin, keepEnd, static_cast<int>(fd)))
-          ::close(static_cast<int>(fd));
+    if (options.closeOtherFds) {
+      unsigned first = 3;
+      for (const int* kept = keepBegin; kept != keepEnd; ++kept) {
+        if (*kept < static_cast<int>(first)) continue;
+        closeRange(first, static_cast<unsigned>(*kept), openMax);
+        first = static_cast<unsigned>(*kept) + 1;
+      }
+      closeRange(first, ~0U, openMax);
     }
     if (directory != nullptr && ::chdir(directory) != 0)
       childFailed(errorPipe, 1, "chdir() failed\n");

@@ -240,6 +240,11 @@ class DataAttribute(Attribute):
 class _NumberAttribute(DataAttribute):
     __slots__ = ()
 
+    def __init_subclass__(cls, ctype, kind, convert, **rest):
+        super().__init_subclass__(**rest)
+        cls._ctype, cls._convert = ctype, staticmethod(convert)
+        cls._creator, cls._reader = "AttributeCreate" + kind, "AttributeGet%sValues" % kind
+
     def _create(self, values, tupleSize):
         c = _c()
         ctype = getattr(c.ctypes, self._ctype)
@@ -251,22 +256,16 @@ class _NumberAttribute(DataAttribute):
         return pointer[:count] if pointer else []
 
 
-class IntAttribute(_NumberAttribute):
+class IntAttribute(_NumberAttribute, ctype="c_int32", kind="Int", convert=int):
     __slots__ = ()
-    _ctype, _creator, _reader = "c_int32", "AttributeCreateInt", "AttributeGetIntValues"
-    _convert = staticmethod(int)
 
 
-class FloatAttribute(_NumberAttribute):
+class FloatAttribute(_NumberAttribute, ctype="c_float", kind="Float", convert=float):
     __slots__ = ()
-    _ctype, _creator, _reader = "c_float", "AttributeCreateFloat", "AttributeGetFloatValues"
-    _convert = staticmethod(float)
 
 
-class DoubleAttribute(_NumberAttribute):
+class DoubleAttribute(_NumberAttribute, ctype="c_double", kind="Double", convert=float):
     __slots__ = ()
-    _ctype, _creator, _reader = "c_double", "AttributeCreateDouble", "AttributeGetDoubleValues"
-    _convert = staticmethod(float)
 
 
 class StringAttribute(DataAttribute):

@@ -4,8 +4,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 
@@ -16,6 +14,7 @@
 #include "XoRenderServices/AnalyticsReport.h"
 #include "base/ProcessCreationTime.h"
 #include "base/ProcessMetrics.h"
+#include "base/ReplaceFile.h"
 
 namespace Arbolite3 {
 namespace XoRenderServices {
@@ -51,17 +50,6 @@ rapidjson::Value processCost(rapidjson::Document::AllocatorType& allocator) {
   cost.AddMember("bytesRead", static_cast<uint64_t>(io.bytesRead), allocator);
   cost.AddMember("bytesWritten", static_cast<uint64_t>(io.bytesWritten), allocator);
   return cost;
-}
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 void fsyncPath(const std::string& path, int flags) {
@@ -117,18 +105,13 @@ void AnalyticsManager::close() {
   records_.Accept(writer);
   writer.EndObject();
 
-  // Readers see the old state or the whole file, never a part of it.
-  const std::string temporary = path_ + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  const bool written = fd >= 0 && writeAll(fd, text.GetString(), text.GetSize()) &&
-                       writeAll(fd, "\n", 1);
-  const int error = errno;
-  if (fd >= 0) ::close(fd);
-  if (!written || ::rename(temporary.c_str(), path_.c_str()) != 0) {
+  // Readers see the old state or the whole file, never a part of it; flush()
+  // makes it durable.
+  const int error = Base::replaceFile(path_, std::string(text.GetString(), text.GetSize()) + "\n",
+                                      false);
+  if (error != 0)
     std::cerr << "Analytics report " << path_ << " could not be written: "
-              << std::strerror(written ? errno : error) << std::endl;
-    ::unlink(temporary.c_str());
-  }
+              << std::strerror(error) << std::endl;
 }
 
 void AnalyticsManager::flush() {
