@@ -12,7 +12,10 @@ const size_t ReadAheadBuffer::largestRecord;
 const size_t ReadAheadBuffer::capacity;
 
 ReadAheadBuffer::ReadAheadBuffer(ReadAheadBuffer&& other) noexcept
-    : storage_(std::move(other.storage_)), begin_(other.begin_), end_(other.end_) {
+    : storage_(std::move(other.storage_)),
+      begin_(other.begin_),
+      end_(other.end_),
+      afterLargeRecord_(other.afterLargeRecord_) {
   other.clear();
 }
 
@@ -20,6 +23,7 @@ ReadAheadBuffer& ReadAheadBuffer::operator=(ReadAheadBuffer&& other) noexcept {
   storage_ = std::move(other.storage_);
   begin_ = other.begin_;
   end_ = other.end_;
+  afterLargeRecord_ = other.afterLargeRecord_;
   other.clear();
   return *this;
 }
@@ -46,7 +50,7 @@ Byte* ReadAheadBuffer::space(size_t recordSize, size_t& length) {
   allocate();
   if (begin_ + std::max(recordSize, size() + 1) > capacity) moveToFront();
   // A single receive moves at most largestRecord bytes.
-  length = std::min(capacity - end_, largestRecord);
+  length = std::min(capacity - end_, afterLargeRecord_ ? recordSize - size() : largestRecord);
   return storage_.get() + end_;
 }
 

@@ -39,8 +39,13 @@ class ReadAheadBuffer {
   // Free space behind the unread bytes, `length` bytes long (not zero), into
   // which a receive may go; moves the unread bytes to the front first if a
   // record of `recordSize` bytes starting at data() would not fit otherwise.
-  // recordSize must not exceed largestRecord.
+  // recordSize must not exceed largestRecord and must be more than size().
   Byte* space(size_t recordSize, size_t& length);
+  // Streams that carry a large record usually carry another behind the next
+  // small one (its header): after one, space() offers only what the next
+  // record lacks, so that a large payload stays in the socket for a receive
+  // straight into its own buffer.
+  void setAfterLargeRecord(bool after) { afterLargeRecord_ = after; }
   // `count` bytes were received into the space.
   void commit(size_t count) { end_ += count; }
 
@@ -57,6 +62,7 @@ class ReadAheadBuffer {
   std::unique_ptr<Byte[]> storage_;  // `capacity` bytes once first needed
   size_t begin_ = 0;
   size_t end_ = 0;
+  bool afterLargeRecord_ = false;
 };
 
 }  // namespace IPC

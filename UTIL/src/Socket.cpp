@@ -210,6 +210,7 @@ size_t TCPSocketImpl::readRecord(ReadAheadBuffer& ahead, size_t size,
     const size_t buffered = ahead.take(large.get(), size);
     const size_t rest = blockingRead(socket, large.get() + buffered, size - buffered, &error);
     record = large.get();
+    ahead.setAfterLargeRecord(true);
     return error ? 0 : buffered + rest;
   }
   while (ahead.size() < size) {
@@ -223,6 +224,7 @@ size_t TCPSocketImpl::readRecord(ReadAheadBuffer& ahead, size_t size,
     if (received == 0) break;  // the peer closed: a short record, or none
     ahead.commit(received);
   }
+  ahead.setAfterLargeRecord(false);
   record = ahead.data();
   const size_t count = std::min(size, ahead.size());
   ahead.consume(count);
