@@ -1,5 +1,7 @@
 #include "UTIL/src/Socket.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstring>
 #include <iostream>
@@ -28,12 +30,13 @@ void warn(const char* head, const char* location, const boost::system::error_cod
 
 // One receive of at most `size` bytes (not zero) that brings something. 0
 // with `error` clear means the peer has closed; 0 with it set is a failure,
-// worth a warning unless the connection was reset (an expected end).
+// worth a warning unless the connection was reset (an expected end). With
+// MSG_WAITALL the receive asks for all of `size` at once.
 size_t receiveSome(boost::asio::ip::tcp::socket& socket, UTIL::IPC::Byte* buffer, size_t size,
-                   boost::system::error_code& error) {
+                   boost::system::error_code& error, int flags = 0) {
+  if (!(flags & MSG_WAITALL)) size = std::min(size, maxChunk);
   for (;;) {
-    const size_t received =
-        socket.receive(boost::asio::buffer(buffer, std::min(size, maxChunk)), 0, error);
+    const size_t received = socket.receive(boost::asio::buffer(buffer, size), flags, error);
     if (error == boost::system::errc::interrupted) continue;
     if (error == boost::asio::error::eof) {
       error.clear();
@@ -53,12 +56,12 @@ size_t receiveSome(boost::asio::ip::tcp::socket& socket, UTIL::IPC::Byte* buffer
 // far, error clear). Any failure gives 0, even after partial data: a caller
 // can't resume a record it only got half of.
 size_t blockingRead(boost::asio::ip::tcp::socket& socket, UTIL::IPC::Byte* buffer, size_t size,
-                    boost::system::error_code* errorOut) {
+                    boost::system::error_code* errorOut, int flags = 0) {
   if (errorOut) errorOut->clear();
   size_t total = 0;
   boost::system::error_code error;
   while (total < size) {
-    const size_t received = receiveSome(socket, buffer + total, size - total, error);
+    const size_t received = receiveSome(socket, buffer + total, size - total, error, flags);
     if (error) {
       if (errorOut) *errorOut = error;
       return 0;
@@ -205,10 +208,12 @@ size_t TCPSocketImpl::readRecord(ReadAheadBuffer& ahead, size_t size,
   boost::system::error_code error;
   if (ahead.size() < size && size > ReadAheadBuffer::largestRecord) {
     // Big records go straight into their own buffer, without a staging copy
-    // beyond the bytes already received.
+    // beyond the bytes already received, and with one receive that waits for
+    // all of it rather than a wake-up per 64 KiB.
     large.reset(new Byte[size]);
     const size_t buffered = ahead.take(large.get(), size);
-    const size_t rest = blockingRead(socket, large.get() + buffered, size - buffered, &error);
+    const size_t rest =
+        blockingRead(socket, large.get() + buffered, size - buffered, &error, MSG_WAITALL);
     record = large.get();
     ahead.setAfterLargeRecord(true);
     return error ? 0 : buffered + rest;

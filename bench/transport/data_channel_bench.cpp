@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -96,6 +97,14 @@ std::string makeFrame(size_t size) {
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
+// CPU time of all threads of this process: less swayed by other load than
+// the wall-clock rates.
+double cpuSeconds() {
+  timespec now;
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return now.tv_sec + now.tv_nsec / 1e9;
+}
+
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values[values.size() / 2];
@@ -141,7 +150,7 @@ bool floorReceive(int fd, FloorReader reader, uint64_t total, std::vector<char>&
 // The floor: the same bytes over a plain loopback connection, without
 // parsing or a callback, with the same roles as the channel: this thread
 // sends, another one receives. Returns seconds for `frames` frames.
-double floorRun(const std::string& frame, int frames, FloorReader reader) {
+double floorRun(const std::string& frame, int frames, FloorReader reader, double* cpu = nullptr) {
   unsigned short port = 0;
   const int listener = listenLocal(port);
   const uint64_t total = static_cast<uint64_t>(frame.size()) * frames;
@@ -163,9 +172,11 @@ double floorRun(const std::string& frame, int frames, FloorReader reader) {
   address.sin_port = htons(port);
   if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) std::exit(1);
   std::this_thread::sleep_for(std::chrono::milliseconds(5));  // let the receiver block
+  const double cpuBegin = cpuSeconds();
   const Clock::time_point begin = Clock::now();
   for (int i = 0; i < frames; ++i) sendAll(fd, frame.data(), frame.size());
   receiver.join();
+  if (cpu) *cpu = cpuSeconds() - cpuBegin;
   ::close(fd);
   ::close(listener);
   return seconds(received - begin);
@@ -207,14 +218,15 @@ int main(int argc, char** argv) {
                         {"1 MiB", 1 << 20, 400, 200}};
 
   // "ratio" compares MB/s with the bulk floor, "2-recv" frames/s with the
-  // floor that makes two receives per frame.
-  std::printf("%-7s %10s %10s %11s %11s %7s %11s %7s %9s %9s\n", "payload", "frames/s", "MB/s",
-              "floor MB/s", "floor fr/s", "ratio", "2-recv fr/s", "2-recv", "lat p50",
-              "lat p99");
+  // floor that makes two receives per frame; "cpu" is microseconds of CPU
+  // per frame, sender and receiver together, for the channel and that floor.
+  std::printf("%-7s %10s %10s %11s %11s %7s %11s %7s %9s %9s %8s %8s\n", "payload", "frames/s",
+              "MB/s", "floor MB/s", "floor fr/s", "ratio", "2-recv fr/s", "2-recv", "lat p50",
+              "lat p99", "cpu", "2-r cpu");
   for (const Size& size : sizes) {
     if (!only.empty() && only != size.name) continue;
     const std::string frame = makeFrame(size.bytes);
-    std::vector<double> channelRates, floorRates, twoReceiveRates;
+    std::vector<double> channelRates, floorRates, twoReceiveRates, channelCpu, twoReceiveCpu;
     for (int run = 0; run < runs; ++run) {
       // Alternating the two, so that load from elsewhere hits both alike.
       uint64_t start;
@@ -222,13 +234,17 @@ int main(int argc, char** argv) {
         std::lock_guard<std::mutex> lock(countMutex);
         start = updates;
       }
+      const double cpuBegin = cpuSeconds();
       const Clock::time_point begin = Clock::now();
       for (int i = 0; i < size.frames; ++i) sendAll(channel.peer, frame.data(), frame.size());
       const Clock::time_point end = waitForUpdates(start + size.frames);
+      channelCpu.push_back((cpuSeconds() - cpuBegin) * 1e6 / size.frames);
       channelRates.push_back(size.frames / seconds(end - begin));
       floorRates.push_back(size.frames / floorRun(frame, size.frames, FloorReader::Bulk));
+      double cpu = 0;
       twoReceiveRates.push_back(size.frames /
-                                floorRun(frame, size.frames, FloorReader::TwoReceives));
+                                floorRun(frame, size.frames, FloorReader::TwoReceives, &cpu));
+      twoReceiveCpu.push_back(cpu * 1e6 / size.frames);
     }
 
     std::vector<double> latencies;
@@ -246,10 +262,11 @@ int main(int argc, char** argv) {
     const double rate = median(channelRates), floorRate = median(floorRates);
     const double twoReceiveRate = median(twoReceiveRates);
     const double megabytes = frame.size() / 1e6;
-    std::printf("%-7s %10.0f %10.1f %11.1f %11.0f %6.0f%% %11.0f %6.0f%% %7.1fus %7.1fus\n",
-                size.name, rate, rate * megabytes, floorRate * megabytes, floorRate,
-                100 * rate / floorRate, twoReceiveRate, 100 * rate / twoReceiveRate,
-                median(latencies), percentile(latencies, 0.99));
+    std::printf(
+        "%-7s %10.0f %10.1f %11.1f %11.0f %6.0f%% %11.0f %6.0f%% %7.1fus %7.1fus %6.1fus %6.1fus\n",
+        size.name, rate, rate * megabytes, floorRate * megabytes, floorRate, 100 * rate / floorRate,
+        twoReceiveRate, 100 * rate / twoReceiveRate, median(latencies),
+        percentile(latencies, 0.99), median(channelCpu), median(twoReceiveCpu));
     std::fflush(stdout);
   }
   channel.ipc.disconnect();
