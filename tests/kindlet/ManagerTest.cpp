@@ -1,8 +1,5 @@
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <future>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,6 +7,7 @@
 
 #include "KINDLET/src/RenderManager.h"
 #include "KindletTestSupport.h"
+#include "LiveRender.h"
 #include "TestPlugin.h"
 #include "XoAttribute/Attribute.h"
 #include "XoConfiguration/Configuration.h"
@@ -44,27 +42,6 @@ ControlCommandRecord recordOf(const std::string& bytes) {
 }
 
 const char kStop[] = "stopLiveEditing";
-
-// render("liveRender") on its own thread; stops the loop if a failed test
-// left it running.
-class LiveRender {
- public:
-  explicit LiveRender(Manager& manager, const std::string& method = "liveRender")
-      : manager(manager),
-        result(std::async(std::launch::async, [&manager, method] { return manager.render(method); })) {}
-  ~LiveRender() {
-    while (result.valid() && result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready)
-      manager.processControlCommand(std::string(kStop));
-  }
-  bool returned(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    return result.wait_for(limit) == std::future_status::ready;
-  }
-  int32_t value() { return result.get(); }
-
- private:
-  Manager& manager;
-  std::future<int32_t> result;
-};
 
 // Pokes with a command until the loop answers with a turn: a wake-up that
 // finds no waiter is lost, so one poke alone could go unseen.
@@ -109,54 +86,46 @@ std::vector<std::string> loopCalls(const std::vector<std::string>& calls) {
 
 // ---- the per-render merge of processLiveRenderData ----
 
-class Merge : public testing::Test {
- protected:
-  Attribute deliver(const GroupAttribute& update, long sequenceID = 7) {
-    TestPlugin plugin;
-    Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, sequenceID);
-    const std::string bytes = update.getBinary();
-    manager.processLiveRenderData(bytes.data(), bytes.size());
-    const auto updates = plugin.updates();
-    EXPECT_EQ(updates.size(), 1u);
-    return updates.empty() ? Attribute() : updates[0];
-  }
-};
-
-TEST_F(Merge, OwnChildFirstThenTheUpdateOverItWithoutTheKey) {
-  const GroupAttribute update = group(
-      {{"a", text("top")},
-       {"__perRenderUpdateAttributes",
-        group({{"7", group({{"a", text("own")}, {"b", text("own")}})},
-               {"8", group({{"c", text("other")}})}})},
-       {"z", text("z")}});
-  const Attribute forSeven = deliver(update, 7);
-  const Attribute expectedSeven = group({{"a", text("top")}, {"b", text("own")}, {"z", text("z")}});
-  EXPECT_EQ(forSeven, expectedSeven) << forSeven.getXML();
-  const Attribute forEight = deliver(update, 8);
-  const Attribute expectedEight = group({{"c", text("other")}, {"a", text("top")}, {"z", text("z")}});
-  EXPECT_EQ(forEight, expectedEight) << forEight.getXML();
+// What the plug-in of the render with `sequenceID` gets for `update`.
+Attribute delivered(const GroupAttribute& update, long sequenceID = 7) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, sequenceID);
+  const std::string bytes = update.getBinary();
+  manager.processLiveRenderData(bytes.data(), bytes.size());
+  const auto updates = plugin.updates();
+  EXPECT_EQ(updates.size(), 1u);
+  return updates.empty() ? Attribute() : updates[0];
 }
 
-TEST_F(Merge, NoUsableOwnChildLosesTheKeyAndNothingElse) {
-  const GroupAttribute expected = group({{"a", text("top")}, {"z", text("z")}});
-  for (const GroupAttribute& perRender :
-       {group({{"8", group({{"c", text("other")}})}}), group({{"7", text("not a group")}}),
-        group({})}) {
-    const Attribute got = deliver(
-        group({{"a", text("top")}, {"__perRenderUpdateAttributes", perRender}, {"z", text("z")}}));
-    EXPECT_EQ(got, expected) << got.getXML();
-  }
-}
-
-TEST_F(Merge, KeyThatIsNoGroupPassesThroughWhole) {
-  const GroupAttribute update =
+TEST(Merge, OwnChildFirstThenTheUpdateOverItWithoutTheKey) {
+  auto withKey = [](const Attribute& perRender) {
+    return group({{"a", text("top")}, {"__perRenderUpdateAttributes", perRender}, {"z", text("z")}});
+  };
+  const GroupAttribute both = withKey(group({{"7", group({{"a", text("own")}, {"b", text("own")}})},
+                                             {"8", group({{"c", text("other")}})}}));
+  const GroupAttribute topOnly = group({{"a", text("top")}, {"z", text("z")}});
+  const GroupAttribute plainKey =
       group({{"a", text("top")}, {"__perRenderUpdateAttributes", text("plain")}});
-  EXPECT_EQ(deliver(update), update);
-  const GroupAttribute withoutKey = group({{"a", text("top")}});
-  EXPECT_EQ(deliver(withoutKey), withoutKey);
+  const std::vector<std::pair<GroupAttribute, Attribute>> cases = {
+      {both, group({{"a", text("top")}, {"b", text("own")}, {"z", text("z")}})},
+      // No usable own child: the key goes, nothing else.
+      {withKey(group({{"8", group({{"c", text("other")}})}})), topOnly},
+      {withKey(group({{"7", text("not a group")}})), topOnly},
+      {withKey(group({})), topOnly},
+      // A key that is no group passes through whole, as does an update without it.
+      {plainKey, plainKey},
+      {topOnly, topOnly},
+  };
+  for (const auto& c : cases) {
+    const Attribute got = delivered(c.first);
+    EXPECT_EQ(got, c.second) << got.getXML();
+  }
+  const Attribute forEight = delivered(both, 8);
+  EXPECT_EQ(forEight, group({{"c", text("other")}, {"a", text("top")}, {"z", text("z")}}))
+      << forEight.getXML();
 }
 
-TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
+TEST(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
   kindlettest::newLogLines();  // only lines from here on count
@@ -174,47 +143,34 @@ TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
 
 // ---- control commands ----
 
-TEST(Commands, OnlyTheExactWordsAreKnown) {
+// Only the exact words are known; a text of 256 bytes or more fills the
+// record without terminator; a leading NUL makes an empty command.
+TEST(Commands, KnownWordsRecordLengthAndEmptyCommands) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
   kindlettest::newLogLines();  // only lines from here on count
+  std::string longText(300, 'x');
+  longText.replace(0, 15, kStop);
   manager.processControlCommand(std::string("pauseRerender"));
   manager.processControlCommand(recordOf("pauseRerender"));
   manager.processControlCommand(std::string("pauseRerenderNow"));
   manager.processControlCommand(std::string("stopLiveEditing2"));
   manager.processControlCommand(recordOf("render more"));
+  manager.processControlCommand(recordOf(std::string("\0stopLiveEditing", 16)));
+  manager.processControlCommand(std::string());
+  manager.processControlCommand(longText);
+  EXPECT_EQ(plugin.lastCommandLength(), 256u);
+  manager.processControlCommand(recordOf(longText));
+  EXPECT_EQ(plugin.lastCommandLength(), 256u);
+  const std::string cut = "handleControlCommand " + longText.substr(0, 256);
   EXPECT_EQ(plugin.calls(), (std::vector<std::string>{
                                 "pauseRerender", "pauseRerender",
                                 "handleControlCommand pauseRerenderNow",
                                 "handleControlCommand stopLiveEditing2",
-                                "handleControlCommand render more"}));
+                                "handleControlCommand render more", cut, cut}));
   const std::string warning =
       "[WARNING Kindlet] Live Render control command 'pauseRerender' is deprecated.";
   EXPECT_EQ(kindlettest::newLogLines(), (std::vector<std::string>{warning, warning}));
-}
-
-TEST(Commands, LongTextsFillTheRecordWithoutTerminator) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  std::string longText(300, 'x');
-  longText.replace(0, 15, kStop);
-  manager.processControlCommand(longText);
-  EXPECT_EQ(plugin.lastCommandLength(), 256u);
-  EXPECT_EQ(plugin.callsOf("handleControlCommand"),
-            std::vector<std::string>{"handleControlCommand " + longText.substr(0, 256)});
-
-  // Exactly 256 bytes in record form: the same, and never a known word.
-  manager.processControlCommand(recordOf(longText));
-  EXPECT_EQ(plugin.lastCommandLength(), 256u);
-  EXPECT_EQ(plugin.count("handleControlCommand"), 2u);
-}
-
-TEST(Commands, LeadingZeroByteIsIgnored) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  manager.processControlCommand(recordOf(std::string("\0stopLiveEditing", 16)));
-  manager.processControlCommand(std::string());
-  EXPECT_TRUE(plugin.calls().empty());
 }
 
 // ---- the live-render loop ----
@@ -228,7 +184,7 @@ TEST(LiveLoop, UpdateBeforeTheLoopIsAppliedOnlyAfterALaterEvent) {
   ASSERT_TRUE(pokeUntilTurn(manager, plugin));
   manager.processControlCommand(std::string(kStop));
   ASSERT_TRUE(render.returned());
-  EXPECT_EQ(render.value(), 0);
+  EXPECT_EQ(render.stop(), 0);
 
   const std::vector<std::string> all = plugin.calls();
   size_t firstPoke = 0;
@@ -278,7 +234,7 @@ TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
   manager.processControlCommand(recordOf(kStop));  // a second stop is harmless
   plugin.releaseApply();
   ASSERT_TRUE(render.returned());
-  EXPECT_EQ(render.value(), 0);
+  EXPECT_EQ(render.stop(), 0);
 
   std::vector<std::string> calls = withoutPokes(plugin.calls());
   EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
