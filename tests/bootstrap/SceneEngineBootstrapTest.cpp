@@ -114,7 +114,7 @@ const std::string kSmokeInfo = "[INFO Python] smoke: round trip True, values [1,
 
 TEST_F(SceneEngineBootstrap, DefaultsSetTheKeysAndStartPythonWithItsModules) {
   const Result r = run({"-resolutionsTable", "res.xml"});
-  ASSERT_EQ(r.exitStatus(), 0) << r.all;
+  ASSERT_EQ(r.exitStatus, 0) << r.all;
   EXPECT_TRUE(r.has(keyLine("SELVANE_ROOT", kRoot))) << r.all;
   EXPECT_TRUE(r.has(keyLine("SELVANE_TMPDIR", dir.path())));
   EXPECT_TRUE(r.has(keyLine("SELVANE_RESOLUTIONS", "res.xml")));
@@ -146,7 +146,7 @@ TEST_F(SceneEngineBootstrap, VerbosityParsesLikeStoll) {
   for (const Case& c : {Case{"abc", 1}, Case{"2", 2}, Case{"-4", 0}}) {
     SCOPED_TRACE(c.value);
     const Result r = run({"-verbose", c.value});
-    ASSERT_EQ(r.exitStatus(), 0) << r.all;
+    ASSERT_EQ(r.exitStatus, 0) << r.all;
     const std::string v = std::to_string(c.verbosity);
     EXPECT_EQ(r.has(kStarting), c.verbosity != 0);
     EXPECT_EQ(r.has(kFinished), c.verbosity != 0);
@@ -181,7 +181,7 @@ TEST_F(SceneEngineBootstrap, RuntimeSelection) {
     if (c.useSync) environment["RUNTIME_USE_SYNC"] = c.useSync;
     else environment.erase("RUNTIME_USE_SYNC");
     const Result r = run({"-arboliteRuntime", c.runtime});
-    ASSERT_EQ(r.exitStatus(), 0) << r.all;
+    ASSERT_EQ(r.exitStatus, 0) << r.all;
     EXPECT_TRUE(r.has(std::string("[INFO Kindlet] ") + c.usingLine)) << r.all;
     long previous = r.indexOf(std::string("[INFO Kindlet] ") + c.usingLine);
     for (const auto& key : c.keys) {
@@ -203,7 +203,7 @@ TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
     args.push_back(option);
   }
   const Result r = run(args);
-  ASSERT_EQ(r.exitStatus(), 0) << r.all;
+  ASSERT_EQ(r.exitStatus, 0) << r.all;
   const std::vector<std::pair<std::string, std::string>> expected = {
       {"SELVANE_ARBOLITE_OPTREE_OPTIMIZER", "1"},
       {"SELVANE_ARBOLITE_CACHE_ENABLEEVICTION", "0"},
@@ -226,7 +226,7 @@ TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
   std::vector<std::string> classic = profiling;
   classic.insert(classic.end(), {"-arboliteRuntime", "Classic"});
   const Result c = run(classic);
-  ASSERT_EQ(c.exitStatus(), 0) << c.all;
+  ASSERT_EQ(c.exitStatus, 0) << c.all;
   for (const auto& key : expected) {
     if (key.first.find("PROFILING") != std::string::npos) {
       EXPECT_FALSE(c.hasKey(key.first));
@@ -236,14 +236,14 @@ TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
 
 TEST_F(SceneEngineBootstrap, InteractivePrecisionComesAfterTheSecondStage) {
   const Result ok = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
-  ASSERT_EQ(ok.exitStatus(), 0) << ok.all;
+  ASSERT_EQ(ok.exitStatus, 0) << ok.all;
   EXPECT_GT(ok.indexOf(keyLine("SELVANE_DISPLAYDRIVER_PRECISION", "16")), ok.indexOf(kStarting));
 
   // A second stage that fails: keys of the first part are set, the precision
   // never is, and nothing starts the interpreter.
   environment["SELVANE_RENDERER_PLUGIN_PATH"] = dir.file("missing");
   const Result failed = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
-  EXPECT_EQ(failed.exitStatus(), 255) << failed.all;
+  EXPECT_EQ(failed.exitStatus, 255) << failed.all;
   EXPECT_TRUE(failed.has(keyLine("SELVANE_RESOLUTIONS", "r")));
   EXPECT_FALSE(failed.hasKey("SELVANE_DISPLAYDRIVER_PRECISION"));
   const long fatal = failed.indexOf("[ERROR Kindlet] FATAL: Failed to initialize Arbolite3");
@@ -293,7 +293,9 @@ TEST_F(SceneEngineBootstrap, MissingNamesAndInterpreterKeys) {
     const Result r = run(c.options);
     EXPECT_EQ(r.exitStatus, c.ok ? 0 : 255) << r.all;
     EXPECT_TRUE(r.has(c.line)) << r.all;
-    if (!c.ok) EXPECT_EQ(r.indexOf(c.line) + 1, r.indexOf(kBootstrapFailed)) << r.all;
+    if (!c.ok) {
+      EXPECT_EQ(r.indexOf(c.line) + 1, r.indexOf(kBootstrapFailed)) << r.all;
+    }
   }
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -187,14 +188,11 @@ TEST(LiveLoop, UpdateBeforeTheLoopIsAppliedOnlyAfterALaterEvent) {
   EXPECT_EQ(render.stop(), 0);
 
   const std::vector<std::string> all = plugin.calls();
-  size_t firstPoke = 0;
-  for (size_t i = all.size(); i-- > 0;)
-    if (all[i] == "handleControlCommand poke") firstPoke = i;
-  size_t firstQuestion = 0;
-  for (size_t i = all.size(); i-- > 0;)
-    if (all[i].rfind("hasQueuedUpdates", 0) == 0) firstQuestion = i;
   // Nothing is asked before the first poke: the early update's wake-up found no waiter.
-  EXPECT_LT(firstPoke, firstQuestion);
+  EXPECT_LT(std::find(all.begin(), all.end(), "handleControlCommand poke"),
+            std::find_if(all.begin(), all.end(), [](const std::string& call) {
+              return call.rfind("hasQueuedUpdates", 0) == 0;
+            }));
   const std::vector<std::string> calls = withoutPokes(all);
   EXPECT_EQ(loopCalls(calls)[0], "hasQueuedUpdates 1");
   EXPECT_EQ(loopCalls(calls)[1], "applyQueuedUpdates 1");
