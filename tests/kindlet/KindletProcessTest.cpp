@@ -216,18 +216,13 @@ TEST_F(Kindlet, LiveRenderUnderTheSwitchWithoutHostWaitsInTheLoop) {
 TEST_F(Kindlet, HexSequenceIDSelectsThisRendersPartOfAnUpdate) {
   using namespace Arbolite3::internal::XoAttribute;
   kindlettest::LocalListener control, data;
-  auto group = [](const std::string& name, const Attribute& value) {
-    GroupBuilder builder;
-    builder.set(name, value);
-    return builder.build();
-  };
-  GroupBuilder perRender;
-  perRender.set("16", group("own", StringAttribute("yes")));
-  perRender.set("10", group("other", StringAttribute("no")));
-  GroupBuilder update;
-  update.set("a", StringAttribute("top"));
-  update.set("__perRenderUpdateAttributes", perRender.build());
-  const std::string frame = kindlettest::dataFrame(update.build().getBinary());
+  const std::string frame = kindlettest::dataFrame(
+      GroupBuilder()
+          .set("a", StringAttribute("top"))
+          .set("__perRenderUpdateAttributes.16.own", StringAttribute("yes"))
+          .set("__perRenderUpdateAttributes.10.other", StringAttribute("no"))
+          .build()
+          .getBinary());
 
   bool fed = false;
   std::thread sender([&] {

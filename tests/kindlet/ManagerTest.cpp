@@ -216,8 +216,10 @@ TEST(LiveLoop, FloodDuringOneLongApplyGivesOneFurtherTurn) {
   manager.processControlCommand(std::string(kStop));
   ASSERT_TRUE(render.returned());
 
-  std::vector<std::string> applies = plugin.callsOf("applyQueuedUpdates");
-  EXPECT_EQ(applies, (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
+  // The turns of the pokes before the update found nothing to apply: the
+  // plug-in's "no" (0x100) has high bits set, and only the low byte counts.
+  EXPECT_EQ(plugin.callsOf("applyQueuedUpdates"),
+            (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
 }
 
 TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
@@ -259,17 +261,6 @@ TEST(LiveLoop, StopBeforeTheLoopIsLostAndTheManagerRendersAgain) {
   EXPECT_EQ(plugin.count("start"), 2u);
   EXPECT_EQ(plugin.count("stop"), 2u);
   EXPECT_EQ(plugin.count("stopLiveEditing"), 2u);
-}
-
-TEST(LiveLoop, QueuedUpdatesAreNeverAppliedWithoutATrueAnswer) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  LiveRender render(manager);
-  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
-  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
-  manager.processControlCommand(std::string(kStop));
-  ASSERT_TRUE(render.returned());
-  for (const std::string& call : loopCalls(plugin.calls())) EXPECT_EQ(call, "hasQueuedUpdates 0");
 }
 
 // ---- plug-in lifecycle ----

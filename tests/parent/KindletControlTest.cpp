@@ -127,23 +127,6 @@ TEST(KindletControl, AReportIsWrittenWhenALaterFileFailsButNotWhenTheBootstrapFa
   EXPECT_TRUE(filesIn(reports).empty());
 }
 
-TEST(KindletControl, LiveModeFromACleanEnvironment) {
-  TempDir scratch;
-  const RunResult result = control(
-      root + "/bin/kindlet-control",
-      {"--start", "--script", std::string(KINDLET_SOURCE_DIR) + "/examples/live/session.txt",
-       "--", "-selvaneRoot", root, "-tempDir", scratch.path(), "-renderer", "recording",
-       "-renderMethodName", "liveRender", "-arbolite3OpTree", scene, "-recordFile",
-       scratch.file("calls.txt")},
-      cleanEnvironment());
-  EXPECT_EQ(result.exitStatus, 0) << result.err;
-  EXPECT_NE(result.out.find("kindlet exited with status 0\n"), std::string::npos);
-  EXPECT_EQ(result.err.find("Analytics"), std::string::npos);
-  const auto slots =
-      kindlettest::recordedSlots(kindlettest::readRecordFile(scratch.file("calls.txt")));
-  EXPECT_NE(std::find(slots.begin(), slots.end(), "stopLiveEditing"), slots.end());
-}
-
 // A root whose bin/kindlet is a script: every way a child can end, and what
 // kindlet-control hands down to it.
 TEST(KindletControl, ExitStatusAndReportFollowHowKindletEnded) {
