@@ -23,22 +23,9 @@ const long kPollMs = 500;
 const long kSlackMs = 500;
 
 struct ProbeReport {
-  int pid = -1;
-  std::string published;
-  int threads = 0;
+  std::string published;  // the variable as the step left it
+  int threads = -1;       // threads the step started
 };
-
-ProbeReport parseReport(const std::string& line) {
-  static const std::regex pattern("pid=(\\d+) published=(\\S+) threads=(\\d+)");
-  std::smatch match;
-  ProbeReport report;
-  if (std::regex_match(line, match, pattern)) {
-    report.pid = std::stoi(match[1]);
-    report.published = match[2];
-    report.threads = std::stoi(match[3]);
-  }
-  return report;
-}
 
 std::string identity(pid_t pid) {
   return std::to_string(pid) + ";" + std::to_string(getProcessCreationTime(pid, nullptr));
@@ -47,9 +34,13 @@ std::string identity(pid_t pid) {
 Child startProbe(const EnvironmentChanges& changes) { return spawn({WATCHDOG_PROBE}, changes); }
 
 ProbeReport readReport(const Child& probe) {
+  static const std::regex pattern("pid=\\d+ published=(\\S+) threads=(\\d+)");
   const boost::optional<std::string> line = readLine(probe.out);
   EXPECT_TRUE(line) << "the probe printed nothing";
-  return line ? parseReport(*line) : ProbeReport();
+  std::smatch match;
+  ProbeReport report;
+  if (line && std::regex_match(*line, match, pattern)) report = {match[1], std::stoi(match[2])};
+  return report;
 }
 
 std::vector<std::string> goneLines(pid_t parent, const std::string& value, pid_t probe) {

@@ -82,11 +82,6 @@ class ExpandOpTreeFiles : public testing::Test {
   kindlettest::TempDir dir;
 };
 
-TEST_F(ExpandOpTreeFiles, NameWithoutStarIsKeptUnchecked) {
-  const std::string missing = dir.file("nowhere.json");
-  EXPECT_EQ(expandOpTreeFiles(missing, "1-3"), std::vector<std::string>{missing});
-}
-
 TEST_F(ExpandOpTreeFiles, OnlyRegularFilesInFrameOrder) {
   const std::string f1 = touch("s.000001.json");
   const std::string f3 = touch("s.000003.json");
