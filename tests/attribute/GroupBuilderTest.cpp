@@ -34,6 +34,11 @@ TEST(GroupBuilder, DottedSetCreatesAndEntersGroups) {
   // Created with the flag of the set that made them; later sets keep it.
   EXPECT_FALSE(GroupAttribute(g.getChildByName("a")).getGroupInherit());
   EXPECT_FALSE(GroupAttribute(g.getChildByName("a.b")).getGroupInherit());
+  // A non-group in the way is replaced in place.
+  GroupBuilder r;
+  g = r.set("p", IntAttribute(1)).set("q", IntAttribute(2)).set("p.c", IntAttribute(3)).build();
+  EXPECT_EQ(names(g), (Names{"p", "q"}));
+  EXPECT_EQ(intAt(g, "p.c"), 3);
 }
 
 TEST(GroupBuilder, DottedSetIntoAFinishedGroupKeepsItsChildrenAndFlag) {
@@ -50,14 +55,6 @@ TEST(GroupBuilder, DottedSetIntoAFinishedGroupKeepsItsChildrenAndFlag) {
   EXPECT_EQ(intAt(g, "g.swap"), 20);
   EXPECT_FALSE(sub.getGroupInherit());
   EXPECT_EQ(intAt(original, "swap"), 2) << "the finished group is not changed";
-}
-
-TEST(GroupBuilder, DottedSetReplacesANonGroupInPlace) {
-  GroupBuilder b;
-  b.set("a", IntAttribute(1)).set("b", IntAttribute(2)).set("a.c", IntAttribute(3));
-  GroupAttribute g = b.build();
-  EXPECT_EQ(names(g), (Names{"a", "b"}));
-  EXPECT_EQ(intAt(g, "a.c"), 3);
 }
 
 TEST(GroupBuilder, BadNamesAreIgnoredAndInvalidAttributesRemove) {

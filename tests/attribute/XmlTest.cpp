@@ -65,30 +65,3 @@ TEST(Xml, NumbersReadBackExactly) {
     p = end;
   }
 }
-
-namespace {
-
-Attribute chain(int depth) {
-  Attribute inner = NullAttribute();
-  for (int i = 0; i < depth; ++i) {
-    GroupBuilder b;
-    b.set("g", inner);
-    inner = b.build();
-  }
-  return inner;
-}
-
-}  // namespace
-
-// XML, equality and release walk trees without recursion.
-TEST(Xml, DeepTreesDoNotExhaustTheStack) {
-  const int kDepth = 100000;
-  Attribute a = chain(kDepth);
-  Attribute b = chain(kDepth);
-  const std::string open = "<attr name=\"g\" type=\"GroupAttr\" inheritChildren=\"true\">";
-  const std::string leaf = "<attr name=\"g\" type=\"NullAttr\"/>";
-  const std::string name = " name=\"g\"";
-  std::string xml = a.getXML();
-  EXPECT_EQ(xml.size(), kDepth * (open.size() + 7) - name.size() + leaf.size());
-  EXPECT_EQ(a, b);
-}

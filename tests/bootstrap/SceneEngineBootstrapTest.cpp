@@ -3,10 +3,7 @@
 // (one line per configuration key, in the order they are set) and inside the
 // embedded interpreter, where a user-site customisation runs a smoke check as
 // soon as ArboliteAPI has been imported.
-#include <sys/wait.h>
-
 #include <algorithm>
-#include <fstream>
 #include <map>
 
 #include <boost/filesystem.hpp>
@@ -20,7 +17,7 @@ namespace {
 
 const std::string kRoot = KINDLET_TEST_ROOT;
 
-// Runs in the embedded interpreter right after `import ArboliteAPI`.
+// Runs in the embedded interpreter right after the first `import ArboliteAPI`.
 const char* const kSmokeCheck = R"PY(
 import sys
 
@@ -40,50 +37,34 @@ def _smoke(A):
     log.warning("SIGINT caught %s, SIGXFSZ ignored %s", bool(caught >> 1 & 1),
                 bool(ignored >> 24 & 1))
 
-class _AfterArboliteAPI(object):
-    def find_spec(self, name, path=None, target=None):
-        if name != "ArboliteAPI":
-            return None
-        sys.meta_path.remove(self)
-        for finder in sys.meta_path:
-            found = finder.find_spec(name, path, target) if hasattr(finder, "find_spec") else None
-            if found is not None:
-                break
-        else:
-            return None
-        execute = found.loader.exec_module
-        def exec_module(module):
-            execute(module)
-            _smoke(module)
-        found.loader.exec_module = exec_module
-        return found
+import builtins
+_import = builtins.__import__
 
-sys.meta_path.insert(0, _AfterArboliteAPI())
+def _importThenSmoke(name, *args, **kwargs):
+    module = _import(name, *args, **kwargs)
+    if name == "ArboliteAPI" and builtins.__import__ is _importThenSmoke:
+        builtins.__import__ = _import
+        _smoke(module)
+    return module
+
+builtins.__import__ = _importThenSmoke
 )PY";
 
 struct Result {
-  int status = -1;
+  int exitStatus = -1;
   std::vector<std::string> lines;  // standard error
-  std::string out;
+  std::string all;                 // both streams, for messages
 
-  int exitStatus() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1000 - status; }
-  bool has(const std::string& line) const {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
   // Index of the first line that equals `line`, or -1.
   long indexOf(const std::string& line) const {
     auto it = std::find(lines.begin(), lines.end(), line);
     return it == lines.end() ? -1 : static_cast<long>(it - lines.begin());
   }
+  bool has(const std::string& line) const { return indexOf(line) >= 0; }
   bool hasKey(const std::string& key) const {
     return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) {
       return l.rfind("[DEBUG Kindlet] Configuration key " + key + " set to ", 0) == 0;
     });
-  }
-  std::string all() const {
-    std::string text;
-    for (const std::string& line : lines) text += line + "\n";
-    return text + out;
   }
 };
 
@@ -94,50 +75,27 @@ std::string keyLine(const std::string& key, const std::string& value) {
 class SceneEngineBootstrap : public ::testing::Test {
  protected:
   void SetUp() override {
-    scratch = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path();
-    const boost::filesystem::path site = scratch / "userbase/lib/python3.11/site-packages";
+    const std::string site = dir.path() + "/userbase/lib/python3.11/site-packages";
     boost::filesystem::create_directories(site);
-    std::ofstream((site / "usercustomize.py").string()) << kSmokeCheck;
-
-    environment = {
-        {"PATH", "/usr/bin:/bin"},
-        {"HOME", scratch.string()},
-        {"PYTHONUSERBASE", (scratch / "userbase").string()},
-        {"PYTHONDONTWRITEBYTECODE", "1"},
-        {"SELVANE_LOG_LEVEL", "debug"},
-        {"SELVANE_INTERNAL_PYTHONHOME", "/usr"},
-        {"SELVANE_INTERNAL_PYTHONPATH",
-         "/usr/lib/python311.zip:/usr/lib/python3.11:/usr/lib/python3.11/lib-dynload:" +
-             kRoot + "/bin/python"},
-        {"SELVANE_DEFAULT_ASSET_PLUGIN", "FileAsset"},
-        {"SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", "FileSequence"},
-        {"LSAN_OPTIONS", "suppressions=" KINDLET_SOURCE_DIR "/tests/support/lsan.supp"},
-    };
-    // Sanitizer settings of a sanitizer build reach kindlet as well.
-    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-      if (const char* value = getenv(name)) environment[name] = value;
-    }
+    dir.write("userbase/lib/python3.11/site-packages/usercustomize.py", kSmokeCheck);
+    environment = parentEnvironment();
+    environment.insert({{"HOME", dir.path()},
+                        {"PYTHONUSERBASE", dir.path() + "/userbase"},
+                        {"PYTHONDONTWRITEBYTECODE", "1"},
+                        {"SELVANE_LOG_LEVEL", "debug"}});
   }
-  void TearDown() override { boost::filesystem::remove_all(scratch); }
 
   Result run(const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> argv = {kRoot + "/bin/kindlet",
-                                     "-selvaneRoot", kRoot,
-                                     "-tempDir", scratch.string(),
-                                     "-arbolite3OpTree",
+    std::vector<std::string> argv = {kRoot + "/bin/kindlet", "-selvaneRoot", kRoot,
+                                     "-tempDir", dir.path(), "-arbolite3OpTree",
                                      kRoot + "/share/kindlet/examples/scene.optree.json",
-                                     "-renderer", "null",
-                                     "-renderMethodName", "diskRender"};
+                                     "-renderer", "null", "-renderMethodName", "diskRender"};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    Child child = spawnWithEnvironment(argv, environment);
-    Result result;
-    result.lines = splitLines(readToEnd(child.err));
-    result.out = readToEnd(child.out);
-    result.status = waitFor(child.pid);
-    return result;
+    const RunResult r = runWithEnvironment(argv, environment);
+    return {r.exitStatus, splitLines(r.err), r.err + r.out};
   }
 
-  boost::filesystem::path scratch;
+  TempDir dir;
   std::map<std::string, std::string> environment;
 };
 
@@ -148,28 +106,27 @@ const std::string kSmokeInfo = "[INFO Python] smoke: round trip True, values [1,
 
 TEST_F(SceneEngineBootstrap, DefaultsSetTheKeysAndStartPythonWithItsModules) {
   const Result r = run({"-resolutionsTable", "res.xml"});
-  ASSERT_EQ(r.exitStatus(), 0) << r.all();
-  EXPECT_TRUE(r.has(keyLine("SELVANE_ROOT", kRoot))) << r.all();
-  EXPECT_TRUE(r.has(keyLine("SELVANE_TMPDIR", scratch.string())));
+  ASSERT_EQ(r.exitStatus, 0) << r.all;
+  EXPECT_TRUE(r.has(keyLine("SELVANE_ROOT", kRoot))) << r.all;
+  EXPECT_TRUE(r.has(keyLine("SELVANE_TMPDIR", dir.path())));
   EXPECT_TRUE(r.has(keyLine("SELVANE_RESOLUTIONS", "res.xml")));
   EXPECT_TRUE(r.has(keyLine("RUNTIME_USE_CONCURRENT", "1")));
   EXPECT_FALSE(r.hasKey("ARBOLITE3_MT_EXPERIMENTAL"));
   EXPECT_FALSE(r.hasKey("SELVANE_DEFAULT_ASSET_PLUGIN")) << "the option was not given";
   for (const std::string& line : r.lines) {
     EXPECT_EQ(line.rfind("[INFO Kindlet] Using ", 0), std::string::npos) << line;
-    EXPECT_EQ(line.find("Traceback"), std::string::npos) << r.all();
+    EXPECT_EQ(line.find("Traceback"), std::string::npos) << r.all;
   }
   // Python inside kindlet logs through the process log, and ArboliteAPI works.
   const long starting = r.indexOf(kStarting);
   const long smoke = r.indexOf(kSmokeInfo);
   const long finished = r.indexOf(kFinished);
-  EXPECT_GE(starting, 0) << r.all();
-  EXPECT_GT(smoke, starting) << r.all();
-  EXPECT_GT(finished, smoke) << r.all();
-  EXPECT_FALSE(r.has("[DEBUG Python] smoke: debug at verbosity 1"));
+  EXPECT_GE(starting, 0) << r.all;
+  EXPECT_GT(smoke, starting) << r.all;
+  EXPECT_GT(finished, smoke) << r.all;
   // The interpreter's own handlers would swallow an interrupt.
   EXPECT_TRUE(r.has("[WARNING Python] smoke: SIGINT caught False, SIGXFSZ ignored False"))
-      << r.all();
+      << r.all;
 }
 
 TEST_F(SceneEngineBootstrap, VerbosityParsesLikeStoll) {
@@ -180,11 +137,11 @@ TEST_F(SceneEngineBootstrap, VerbosityParsesLikeStoll) {
   for (const Case& c : {Case{"abc", 1}, Case{"2", 2}, Case{"-4", 0}}) {
     SCOPED_TRACE(c.value);
     const Result r = run({"-verbose", c.value});
-    ASSERT_EQ(r.exitStatus(), 0) << r.all();
+    ASSERT_EQ(r.exitStatus, 0) << r.all;
     const std::string v = std::to_string(c.verbosity);
     EXPECT_EQ(r.has(kStarting), c.verbosity != 0);
     EXPECT_EQ(r.has(kFinished), c.verbosity != 0);
-    EXPECT_TRUE(r.has("[WARNING Python] smoke: warning at verbosity " + v)) << r.all();
+    EXPECT_TRUE(r.has("[WARNING Python] smoke: warning at verbosity " + v)) << r.all;
     EXPECT_EQ(r.has(kSmokeInfo), c.verbosity >= 1);
     EXPECT_EQ(r.has("[DEBUG Python] smoke: debug at verbosity " + v), c.verbosity >= 2);
   }
@@ -199,8 +156,11 @@ TEST_F(SceneEngineBootstrap, RuntimeSelection) {
     std::vector<std::string> notSet;
   };
   const std::vector<Case> cases = {
+      // Profiling is for the other runtimes only.
       {"Classic", nullptr, "Using Classic (Synchronous Mode) Runtime",
-       {{"RUNTIME_USE_SYNC", "1"}}, {"RUNTIME_USE_CONCURRENT"}},
+       {{"RUNTIME_USE_SYNC", "1"}},
+       {"RUNTIME_USE_CONCURRENT", "SELVANE_ARBOLITE_RUNTIME_PROFILING_FILENAME",
+        "SELVANE_ARBOLITE_RUNTIME_PROFILING_MODE", "SELVANE_ARBOLITE_RUNTIME_PROFILING_RENDERER"}},
       {"Classic", "0", "Using Classic (Asynchronous Mode) Runtime", {},
        {"RUNTIME_USE_SYNC", "RUNTIME_USE_CONCURRENT"}},
       {"Classic", "", "Using Classic (Synchronous Mode) Runtime", {}, {"RUNTIME_USE_SYNC"}},
@@ -214,9 +174,9 @@ TEST_F(SceneEngineBootstrap, RuntimeSelection) {
                  (c.useSync ? c.useSync : "unset"));
     if (c.useSync) environment["RUNTIME_USE_SYNC"] = c.useSync;
     else environment.erase("RUNTIME_USE_SYNC");
-    const Result r = run({"-arboliteRuntime", c.runtime});
-    ASSERT_EQ(r.exitStatus(), 0) << r.all();
-    EXPECT_TRUE(r.has(std::string("[INFO Kindlet] ") + c.usingLine)) << r.all();
+    const Result r = run({"-arboliteRuntime", c.runtime, "-profilingFilename", "/tmp/p.json"});
+    ASSERT_EQ(r.exitStatus, 0) << r.all;
+    EXPECT_TRUE(r.has(std::string("[INFO Kindlet] ") + c.usingLine)) << r.all;
     long previous = r.indexOf(std::string("[INFO Kindlet] ") + c.usingLine);
     for (const auto& key : c.keys) {
       const long index = r.indexOf(keyLine(key.first, key.second));
@@ -228,16 +188,11 @@ TEST_F(SceneEngineBootstrap, RuntimeSelection) {
 }
 
 TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
-  const std::vector<std::string> profiling = {"-profilingFilename", "/tmp/p.json",
-                                              "-profilingMode", "full"};
-  std::vector<std::string> args = profiling;
-  for (const char* option : {"-opTreeOptimizations", "True", "-cacheEviction", "true",
-                             "-sceneTraversalVerboseLogging", "yes", "-cacheSoftLimit", "512",
-                             "-cacheCollectionFrequency", "7"}) {
-    args.push_back(option);
-  }
-  const Result r = run(args);
-  ASSERT_EQ(r.exitStatus(), 0) << r.all();
+  const Result r = run({"-profilingFilename", "/tmp/p.json", "-profilingMode", "full",
+                        "-opTreeOptimizations", "True", "-cacheEviction", "true",
+                        "-sceneTraversalVerboseLogging", "yes", "-cacheSoftLimit", "512",
+                        "-cacheCollectionFrequency", "7"});
+  ASSERT_EQ(r.exitStatus, 0) << r.all;
   const std::vector<std::pair<std::string, std::string>> expected = {
       {"SELVANE_ARBOLITE_OPTREE_OPTIMIZER", "1"},
       {"SELVANE_ARBOLITE_CACHE_ENABLEEVICTION", "0"},
@@ -252,86 +207,75 @@ TEST_F(SceneEngineBootstrap, ProfilingAndBooleanOptions) {
   long previous = -1;
   for (const auto& key : expected) {
     const long index = r.indexOf(keyLine(key.first, key.second));
-    EXPECT_GT(index, previous) << key.first << "\n" << r.all();
+    EXPECT_GT(index, previous) << key.first << "\n" << r.all;
     previous = index;
   }
   EXPECT_LT(previous, r.indexOf(kStarting));
-
-  std::vector<std::string> classic = profiling;
-  classic.insert(classic.end(), {"-arboliteRuntime", "Classic"});
-  const Result c = run(classic);
-  ASSERT_EQ(c.exitStatus(), 0) << c.all();
-  for (const auto& key : expected) {
-    if (key.first.find("PROFILING") != std::string::npos) {
-      EXPECT_FALSE(c.hasKey(key.first));
-    }
-  }
 }
 
 TEST_F(SceneEngineBootstrap, InteractivePrecisionComesAfterTheSecondStage) {
   const Result ok = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
-  ASSERT_EQ(ok.exitStatus(), 0) << ok.all();
+  ASSERT_EQ(ok.exitStatus, 0) << ok.all;
   EXPECT_GT(ok.indexOf(keyLine("SELVANE_DISPLAYDRIVER_PRECISION", "16")), ok.indexOf(kStarting));
 
   // A second stage that fails: keys of the first part are set, the precision
   // never is, and nothing starts the interpreter.
-  environment["SELVANE_RENDERER_PLUGIN_PATH"] = (scratch / "missing").string();
+  environment["SELVANE_RENDERER_PLUGIN_PATH"] = dir.file("missing");
   const Result failed = run({"-interactivePrecision", "16", "-resolutionsTable", "r"});
-  EXPECT_EQ(failed.exitStatus(), 255) << failed.all();
+  EXPECT_EQ(failed.exitStatus, 255) << failed.all;
   EXPECT_TRUE(failed.has(keyLine("SELVANE_RESOLUTIONS", "r")));
   EXPECT_FALSE(failed.hasKey("SELVANE_DISPLAYDRIVER_PRECISION"));
   const long fatal = failed.indexOf("[ERROR Kindlet] FATAL: Failed to initialize Arbolite3");
-  EXPECT_GT(fatal, failed.indexOf(kStarting)) << failed.all();
+  EXPECT_GT(fatal, failed.indexOf(kStarting)) << failed.all;
   EXPECT_GT(failed.indexOf(kBootstrapFailed), fatal);
   EXPECT_FALSE(failed.has(kSmokeInfo));
 }
 
-TEST_F(SceneEngineBootstrap, AssetPluginsComeFromTheOptionOrTheEnvironment) {
-  environment.erase("SELVANE_DEFAULT_ASSET_PLUGIN");
-  const Result missing = run();
-  EXPECT_EQ(missing.exitStatus(), 255);
-  EXPECT_EQ(missing.indexOf("[ERROR Kindlet] No asset plug-in was specified.") + 1,
-            missing.indexOf(kBootstrapFailed))
-      << missing.all();
-  EXPECT_FALSE(missing.has(kStarting));
-
-  const Result given = run({"-assetPlugin", "MyAsset"});
-  EXPECT_EQ(given.exitStatus(), 0) << given.all();
-  EXPECT_TRUE(given.has(keyLine("SELVANE_DEFAULT_ASSET_PLUGIN", "MyAsset")));
-
-  environment["SELVANE_DEFAULT_ASSET_PLUGIN"] = "FileAsset";
-  environment.erase("SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN");
-  const Result noSequence = run();
-  EXPECT_EQ(noSequence.exitStatus(), 255);
-  EXPECT_TRUE(noSequence.has("[ERROR Kindlet] No file sequence plug-in was specified."))
-      << noSequence.all();
-}
-
-TEST_F(SceneEngineBootstrap, InterpreterKeysFallBackAndTheirAbsenceIsReported) {
+// Each name the bootstrap needs comes from an option or the environment;
+// without it the bootstrap fails with one line. The interpreter keys fall
+// back to the interpreter's own variables.
+TEST_F(SceneEngineBootstrap, MissingNamesAndInterpreterKeys) {
+  auto neither = [](const std::string& what) {
+    return "[ERROR Kindlet] Neither SELVANE_INTERNAL_PYTHON" + what + " nor PYTHON" + what +
+           " is set. Unable to initialize the Python interpreter. Aborting...";
+  };
   const std::string home = environment["SELVANE_INTERNAL_PYTHONHOME"];
   const std::string path = environment["SELVANE_INTERNAL_PYTHONPATH"];
-  environment.erase("SELVANE_INTERNAL_PYTHONHOME");
-  environment.erase("SELVANE_INTERNAL_PYTHONPATH");
-
-  Result r = run();
-  EXPECT_EQ(r.exitStatus(), 255);
-  EXPECT_EQ(r.indexOf("[ERROR Kindlet] Neither SELVANE_INTERNAL_PYTHONHOME nor PYTHONHOME is "
-                      "set. Unable to initialize the Python interpreter. Aborting...") + 1,
-            r.indexOf(kBootstrapFailed))
-      << r.all();
-
-  environment["PYTHONHOME"] = home;
-  r = run();
-  EXPECT_EQ(r.exitStatus(), 255);
-  EXPECT_EQ(r.indexOf("[ERROR Kindlet] Neither SELVANE_INTERNAL_PYTHONPATH nor PYTHONPATH is "
-                      "set. Unable to initialize the Python interpreter. Aborting...") + 1,
-            r.indexOf(kBootstrapFailed))
-      << r.all();
-
-  environment["PYTHONPATH"] = path;
-  r = run();
-  EXPECT_EQ(r.exitStatus(), 0) << r.all();
-  EXPECT_TRUE(r.has(kSmokeInfo)) << r.all();
+  struct Case {
+    std::map<std::string, std::string> changes;  // an empty value removes the key
+    std::vector<std::string> options;
+    bool ok;
+    std::string line;  // on success a line to find, else the line before the failure
+  };
+  const std::vector<Case> cases = {
+      {{{"SELVANE_DEFAULT_ASSET_PLUGIN", ""}}, {}, false,
+       "[ERROR Kindlet] No asset plug-in was specified."},
+      {{{"SELVANE_DEFAULT_ASSET_PLUGIN", ""}}, {"-assetPlugin", "MyAsset"}, true,
+       keyLine("SELVANE_DEFAULT_ASSET_PLUGIN", "MyAsset")},
+      {{{"SELVANE_DEFAULT_FILE_SEQUENCE_PLUGIN", ""}}, {}, false,
+       "[ERROR Kindlet] No file sequence plug-in was specified."},
+      {{{"SELVANE_INTERNAL_PYTHONHOME", ""}, {"SELVANE_INTERNAL_PYTHONPATH", ""}}, {}, false,
+       neither("HOME")},
+      {{{"SELVANE_INTERNAL_PYTHONHOME", ""}, {"SELVANE_INTERNAL_PYTHONPATH", ""}, {"PYTHONHOME", home}},
+       {}, false, neither("PATH")},
+      {{{"SELVANE_INTERNAL_PYTHONHOME", ""}, {"SELVANE_INTERNAL_PYTHONPATH", ""}, {"PYTHONHOME", home},
+        {"PYTHONPATH", path}}, {}, true, kSmokeInfo},
+  };
+  const std::map<std::string, std::string> original = environment;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    environment = original;
+    for (const auto& change : c.changes) {
+      if (change.second.empty()) environment.erase(change.first);
+      else environment[change.first] = change.second;
+    }
+    const Result r = run(c.options);
+    EXPECT_EQ(r.exitStatus, c.ok ? 0 : 255) << r.all;
+    EXPECT_TRUE(r.has(c.line)) << r.all;
+    if (!c.ok) {
+      EXPECT_EQ(r.indexOf(c.line) + 1, r.indexOf(kBootstrapFailed)) << r.all;
+    }
+  }
 }
 
 }  // namespace

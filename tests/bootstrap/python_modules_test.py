@@ -37,27 +37,23 @@ logging.error("e")
 
 
 class MainLoggingTest(unittest.TestCase):
-    def test_verbosity_selects_levels(self):
+    def test_verbosity_selects_levels_under_the_process_threshold(self):
         everything = ["[DEBUG Python] d", "[INFO Python] i",
                       "[WARNING Python] shader.cache: w 1", "[ERROR Python] e"]
-        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=2), everything)
-        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=1), everything[1:])
-        self.assertEqual(runLogged(LOG_EVERY_LEVEL), everything[1:])
-        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=0), everything[2:])
+        for verbosity, threshold, expected in ((2, "debug", everything), (1, "debug", everything[1:]),
+                                               (None, "debug", everything[1:]),
+                                               (0, "debug", everything[2:]),
+                                               (2, "error", everything[3:])):
+            self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity, threshold), expected,
+                             (verbosity, threshold))
 
-    def test_process_threshold_applies_on_top(self):
-        self.assertEqual(runLogged(LOG_EVERY_LEVEL, verbosity=2, threshold="error"),
-                         ["[ERROR Python] e"])
-
-    def test_logging_is_connected_when_first_imported(self):
+    def test_logging_is_connected_when_first_imported_or_at_once(self):
         lines = runLogged("""
             assert "logging" not in sys.modules, "Init must not import logging"
             import logging
             logging.info("late")
         """)
         self.assertEqual(lines, ["[INFO Python] late"])
-
-    def test_logging_imported_before_init_is_connected_at_once(self):
         lines = runLogged("""
             import logging, MainLogging
             sys.selvane_verbosityLevel = 2
@@ -81,7 +77,6 @@ class MainLoggingTest(unittest.TestCase):
         self.assertEqual(lines[-2], "    ValueError: bad")
         self.assertTrue(lines[-1].startswith("[WARNING Python] py.warnings: "), lines)
         self.assertTrue(lines[-1].endswith("UserWarning: careful"), lines)
-
 
 
 class ArboliteAPITest(unittest.TestCase):
@@ -116,7 +111,7 @@ class ArboliteAPITest(unittest.TestCase):
         for bad in (b"", b"garbage", data[:-1], data[:len(data) // 2]):
             self.assertFalse(A.Attribute.parseBinary(bad).isValid(), bad)
 
-    def test_builder_update_delete_and_modes(self):
+    def test_builder_update_delete_modes_and_bad_values(self):
         b = A.GroupBuilder()
         b.set("a", A.IntAttribute(1)).set("b", A.IntAttribute(2))
         first = b.build(A.GroupBuilder.BuildAndRetain)
@@ -126,14 +121,10 @@ class ArboliteAPITest(unittest.TestCase):
         self.assertEqual([n for n, _ in first], ["a", "b"])
         self.assertEqual([(n, c.getValue()) for n, c in second], [("a", "x")])
         self.assertEqual(len(b.build()), 0)
-
-    def test_strings_keep_nul_bytes_and_bad_tuples_are_refused(self):
         values = ["a\x00b", "\u00e9t\u00e9", ""]
         self.assertEqual(A.StringAttribute(values, 3).getValues(), values)
-        with self.assertRaises(ValueError):
-            A.IntAttribute([1, 2, 3], 2)
-        with self.assertRaises(ValueError):
-            A.FloatAttribute([1.0], 0)
+        for bad in (lambda: A.IntAttribute([1, 2, 3], 2), lambda: A.FloatAttribute([1.0], 0)):
+            self.assertRaises(ValueError, bad)
 
     def test_handles_cross_to_c_and_back(self):
         g = self.sample()

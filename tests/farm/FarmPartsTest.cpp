@@ -1,5 +1,6 @@
-// The farm driver's pieces in-process: frame lists written back for -t,
-// scheduler retries, and which frames a retried chunk renders again.
+// The farm driver's pieces in-process: scheduler retries, and which frames a
+// retried chunk renders again. Frame lists written for -t are read back in
+// the driver's tests.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -8,17 +9,8 @@
 #include "Command.h"
 #include "JobState.h"
 #include "KindletTestSupport.h"
-#include "base/FrameList.h"
 
 using namespace Farm;
-
-TEST(FarmFrameList, WrittenListReadsBackToTheSameFrames) {
-  const std::vector<std::vector<int>> cases = {
-      {}, {7}, {1, 2, 3, 4}, {1, 2, 5, 6, 7, 9}, {-3, -2, -1, 0, 1, 2}, {5, 4, 3}, {3, 1, 3}, {2147483646, 2147483647}};
-  for (const auto& frames : cases)
-    EXPECT_EQ(Arbolite3::Base::parseFrameList(Arbolite3::Base::formatFrameList(frames)), frames);
-  EXPECT_EQ(Arbolite3::Base::formatFrameList({1, 2, 3, 4, 8, 9}), "1-4,8,9");
-}
 
 TEST(FarmScheduler, RetriesOnlyTransientFailuresWithGrowingDelays) {
   struct Case {

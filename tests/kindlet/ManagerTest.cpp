@@ -1,8 +1,6 @@
+#include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <future>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,6 +8,7 @@
 
 #include "KINDLET/src/RenderManager.h"
 #include "KindletTestSupport.h"
+#include "LiveRender.h"
 #include "TestPlugin.h"
 #include "XoAttribute/Attribute.h"
 #include "XoConfiguration/Configuration.h"
@@ -45,27 +44,6 @@ ControlCommandRecord recordOf(const std::string& bytes) {
 
 const char kStop[] = "stopLiveEditing";
 
-// render("liveRender") on its own thread; stops the loop if a failed test
-// left it running.
-class LiveRender {
- public:
-  explicit LiveRender(Manager& manager, const std::string& method = "liveRender")
-      : manager(manager),
-        result(std::async(std::launch::async, [&manager, method] { return manager.render(method); })) {}
-  ~LiveRender() {
-    while (result.valid() && result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready)
-      manager.processControlCommand(std::string(kStop));
-  }
-  bool returned(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    return result.wait_for(limit) == std::future_status::ready;
-  }
-  int32_t value() { return result.get(); }
-
- private:
-  Manager& manager;
-  std::future<int32_t> result;
-};
-
 // Pokes with a command until the loop answers with a turn: a wake-up that
 // finds no waiter is lost, so one poke alone could go unseen.
 bool pokeUntilTurn(Manager& manager, TestPlugin& plugin) {
@@ -92,71 +70,53 @@ bool deliverUntilApplied(Manager& manager, TestPlugin& plugin, const GroupAttrib
 }
 
 // The calls without the test's own pokes, which may land anywhere.
-std::vector<std::string> withoutPokes(const std::vector<std::string>& calls) {
-  std::vector<std::string> result;
-  for (const std::string& call : calls)
-    if (call != "handleControlCommand poke") result.push_back(call);
-  return result;
-}
-
-std::vector<std::string> loopCalls(const std::vector<std::string>& calls) {
-  std::vector<std::string> result;
-  for (const std::string& call : calls)
-    if (call.rfind("hasQueuedUpdates", 0) == 0 || call.rfind("applyQueuedUpdates", 0) == 0)
-      result.push_back(call);
-  return result;
+std::vector<std::string> withoutPokes(std::vector<std::string> calls) {
+  calls.erase(std::remove(calls.begin(), calls.end(), "handleControlCommand poke"), calls.end());
+  return calls;
 }
 
 // ---- the per-render merge of processLiveRenderData ----
 
-class Merge : public testing::Test {
- protected:
-  Attribute deliver(const GroupAttribute& update, long sequenceID = 7) {
-    TestPlugin plugin;
-    Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, sequenceID);
-    const std::string bytes = update.getBinary();
-    manager.processLiveRenderData(bytes.data(), bytes.size());
-    const auto updates = plugin.updates();
-    EXPECT_EQ(updates.size(), 1u);
-    return updates.empty() ? Attribute() : updates[0];
-  }
-};
-
-TEST_F(Merge, OwnChildFirstThenTheUpdateOverItWithoutTheKey) {
-  const GroupAttribute update = group(
-      {{"a", text("top")},
-       {"__perRenderUpdateAttributes",
-        group({{"7", group({{"a", text("own")}, {"b", text("own")}})},
-               {"8", group({{"c", text("other")}})}})},
-       {"z", text("z")}});
-  const Attribute forSeven = deliver(update, 7);
-  const Attribute expectedSeven = group({{"a", text("top")}, {"b", text("own")}, {"z", text("z")}});
-  EXPECT_EQ(forSeven, expectedSeven) << forSeven.getXML();
-  const Attribute forEight = deliver(update, 8);
-  const Attribute expectedEight = group({{"c", text("other")}, {"a", text("top")}, {"z", text("z")}});
-  EXPECT_EQ(forEight, expectedEight) << forEight.getXML();
+// What the plug-in of the render with `sequenceID` gets for `update`.
+Attribute delivered(const GroupAttribute& update, long sequenceID = 7) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, sequenceID);
+  const std::string bytes = update.getBinary();
+  manager.processLiveRenderData(bytes.data(), bytes.size());
+  const auto updates = plugin.updates();
+  EXPECT_EQ(updates.size(), 1u);
+  return updates.empty() ? Attribute() : updates[0];
 }
 
-TEST_F(Merge, NoUsableOwnChildLosesTheKeyAndNothingElse) {
-  const GroupAttribute expected = group({{"a", text("top")}, {"z", text("z")}});
-  for (const GroupAttribute& perRender :
-       {group({{"8", group({{"c", text("other")}})}}), group({{"7", text("not a group")}}),
-        group({})}) {
-    const Attribute got = deliver(
-        group({{"a", text("top")}, {"__perRenderUpdateAttributes", perRender}, {"z", text("z")}}));
-    EXPECT_EQ(got, expected) << got.getXML();
-  }
-}
-
-TEST_F(Merge, KeyThatIsNoGroupPassesThroughWhole) {
-  const GroupAttribute update =
+TEST(Merge, OwnChildFirstThenTheUpdateOverItWithoutTheKey) {
+  auto withKey = [](const Attribute& perRender) {
+    return group({{"a", text("top")}, {"__perRenderUpdateAttributes", perRender}, {"z", text("z")}});
+  };
+  const GroupAttribute both = withKey(group({{"7", group({{"a", text("own")}, {"b", text("own")}})},
+                                             {"8", group({{"c", text("other")}})}}));
+  const GroupAttribute topOnly = group({{"a", text("top")}, {"z", text("z")}});
+  const GroupAttribute plainKey =
       group({{"a", text("top")}, {"__perRenderUpdateAttributes", text("plain")}});
-  EXPECT_EQ(deliver(update), update);
-  const GroupAttribute withoutKey = group({{"a", text("top")}});
-  EXPECT_EQ(deliver(withoutKey), withoutKey);
+  const std::vector<std::pair<GroupAttribute, Attribute>> cases = {
+      {both, group({{"a", text("top")}, {"b", text("own")}, {"z", text("z")}})},
+      // No usable own child: the key goes, nothing else.
+      {withKey(group({{"8", group({{"c", text("other")}})}})), topOnly},
+      {withKey(group({{"7", text("not a group")}})), topOnly},
+      {withKey(group({})), topOnly},
+      // A key that is no group passes through whole, as does an update without it.
+      {plainKey, plainKey},
+      {topOnly, topOnly},
+  };
+  for (const auto& c : cases) {
+    const Attribute got = delivered(c.first);
+    EXPECT_EQ(got, c.second) << got.getXML();
+  }
+  const Attribute forEight = delivered(both, 8);
+  EXPECT_EQ(forEight, group({{"c", text("other")}, {"a", text("top")}, {"z", text("z")}}))
+      << forEight.getXML();
 }
 
-TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
+TEST(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 7);
   kindlettest::newLogLines();  // only lines from here on count
@@ -174,47 +134,32 @@ TEST_F(Merge, BytesThatAreNoGroupAreRejectedWithTheErrorLine) {
 
 // ---- control commands ----
 
-TEST(Commands, OnlyTheExactWordsAreKnown) {
+// Only the exact words are known; a text of 256 bytes or more fills the
+// record without terminator; a leading NUL makes an empty command.
+TEST(Commands, KnownWordsRecordLengthAndEmptyCommands) {
   TestPlugin plugin;
   Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
   kindlettest::newLogLines();  // only lines from here on count
+  std::string longText(300, 'x');
+  longText.replace(0, 15, kStop);
   manager.processControlCommand(std::string("pauseRerender"));
   manager.processControlCommand(recordOf("pauseRerender"));
   manager.processControlCommand(std::string("pauseRerenderNow"));
   manager.processControlCommand(std::string("stopLiveEditing2"));
   manager.processControlCommand(recordOf("render more"));
+  manager.processControlCommand(recordOf(std::string("\0stopLiveEditing", 16)));
+  manager.processControlCommand(std::string());
+  manager.processControlCommand(longText);
+  manager.processControlCommand(recordOf(longText));
+  const std::string cut = "handleControlCommand " + longText.substr(0, 256);
   EXPECT_EQ(plugin.calls(), (std::vector<std::string>{
                                 "pauseRerender", "pauseRerender",
                                 "handleControlCommand pauseRerenderNow",
                                 "handleControlCommand stopLiveEditing2",
-                                "handleControlCommand render more"}));
+                                "handleControlCommand render more", cut, cut}));
   const std::string warning =
       "[WARNING Kindlet] Live Render control command 'pauseRerender' is deprecated.";
   EXPECT_EQ(kindlettest::newLogLines(), (std::vector<std::string>{warning, warning}));
-}
-
-TEST(Commands, LongTextsFillTheRecordWithoutTerminator) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  std::string longText(300, 'x');
-  longText.replace(0, 15, kStop);
-  manager.processControlCommand(longText);
-  EXPECT_EQ(plugin.lastCommandLength(), 256u);
-  EXPECT_EQ(plugin.callsOf("handleControlCommand"),
-            std::vector<std::string>{"handleControlCommand " + longText.substr(0, 256)});
-
-  // Exactly 256 bytes in record form: the same, and never a known word.
-  manager.processControlCommand(recordOf(longText));
-  EXPECT_EQ(plugin.lastCommandLength(), 256u);
-  EXPECT_EQ(plugin.count("handleControlCommand"), 2u);
-}
-
-TEST(Commands, LeadingZeroByteIsIgnored) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  manager.processControlCommand(recordOf(std::string("\0stopLiveEditing", 16)));
-  manager.processControlCommand(std::string());
-  EXPECT_TRUE(plugin.calls().empty());
 }
 
 // ---- the live-render loop ----
@@ -228,20 +173,18 @@ TEST(LiveLoop, UpdateBeforeTheLoopIsAppliedOnlyAfterALaterEvent) {
   ASSERT_TRUE(pokeUntilTurn(manager, plugin));
   manager.processControlCommand(std::string(kStop));
   ASSERT_TRUE(render.returned());
-  EXPECT_EQ(render.value(), 0);
+  EXPECT_EQ(render.stop(), 0);
 
+  auto isQuestion = [](const std::string& call) { return call.rfind("hasQueuedUpdates", 0) == 0; };
   const std::vector<std::string> all = plugin.calls();
-  size_t firstPoke = 0;
-  for (size_t i = all.size(); i-- > 0;)
-    if (all[i] == "handleControlCommand poke") firstPoke = i;
-  size_t firstQuestion = 0;
-  for (size_t i = all.size(); i-- > 0;)
-    if (all[i].rfind("hasQueuedUpdates", 0) == 0) firstQuestion = i;
   // Nothing is asked before the first poke: the early update's wake-up found no waiter.
-  EXPECT_LT(firstPoke, firstQuestion);
+  EXPECT_LT(std::find(all.begin(), all.end(), "handleControlCommand poke"),
+            std::find_if(all.begin(), all.end(), isQuestion));
   const std::vector<std::string> calls = withoutPokes(all);
-  EXPECT_EQ(loopCalls(calls)[0], "hasQueuedUpdates 1");
-  EXPECT_EQ(loopCalls(calls)[1], "applyQueuedUpdates 1");
+  const auto question = std::find_if(calls.begin(), calls.end(), isQuestion);
+  ASSERT_LT(question + 1, calls.end());
+  EXPECT_EQ(*question, "hasQueuedUpdates 1");
+  EXPECT_EQ(*(question + 1), "applyQueuedUpdates 1");
   EXPECT_EQ(std::vector<std::string>(calls.end() - 2, calls.end()),
             (std::vector<std::string>{"stopLiveEditing", "stop"}));
 }
@@ -262,8 +205,10 @@ TEST(LiveLoop, FloodDuringOneLongApplyGivesOneFurtherTurn) {
   manager.processControlCommand(std::string(kStop));
   ASSERT_TRUE(render.returned());
 
-  std::vector<std::string> applies = plugin.callsOf("applyQueuedUpdates");
-  EXPECT_EQ(applies, (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
+  // The turns of the pokes before the update found nothing to apply: the
+  // plug-in's "no" (0x100) has high bits set, and only the low byte counts.
+  EXPECT_EQ(plugin.callsOf("applyQueuedUpdates"),
+            (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
 }
 
 TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
@@ -278,7 +223,7 @@ TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
   manager.processControlCommand(recordOf(kStop));  // a second stop is harmless
   plugin.releaseApply();
   ASSERT_TRUE(render.returned());
-  EXPECT_EQ(render.value(), 0);
+  EXPECT_EQ(render.stop(), 0);
 
   std::vector<std::string> calls = withoutPokes(plugin.calls());
   EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
@@ -305,17 +250,6 @@ TEST(LiveLoop, StopBeforeTheLoopIsLostAndTheManagerRendersAgain) {
   EXPECT_EQ(plugin.count("start"), 2u);
   EXPECT_EQ(plugin.count("stop"), 2u);
   EXPECT_EQ(plugin.count("stopLiveEditing"), 2u);
-}
-
-TEST(LiveLoop, QueuedUpdatesAreNeverAppliedWithoutATrueAnswer) {
-  TestPlugin plugin;
-  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
-  LiveRender render(manager);
-  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
-  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
-  manager.processControlCommand(std::string(kStop));
-  ASSERT_TRUE(render.returned());
-  for (const std::string& call : loopCalls(plugin.calls())) EXPECT_EQ(call, "hasQueuedUpdates 0");
 }
 
 // ---- plug-in lifecycle ----

@@ -3,9 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
@@ -33,18 +31,11 @@ std::map<std::string, std::string> cleanEnvironment(std::map<std::string, std::s
   return environment;
 }
 
-RunResult control(const std::string& program, const std::vector<std::string>& arguments,
+// `program` with `arguments`, its argv[0] the program itself.
+RunResult control(const std::string& program, std::vector<std::string> arguments,
                   const std::map<std::string, std::string>& environment) {
-  std::vector<std::string> argv = {program};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return kindlettest::run(program, argv, environment);
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+  arguments.insert(arguments.begin(), program);
+  return kindlettest::run(program, arguments, environment);
 }
 
 std::vector<std::string> filesIn(const std::string& directory) {
@@ -74,7 +65,7 @@ TEST(KindletControl, BatchRenderFromACleanEnvironmentWritesAndAnnouncesTheReport
   ASSERT_EQ(names.size(), 1u);
   const std::string path = reports + "/" + names[0];
   rapidjson::Document report;
-  ASSERT_FALSE(report.Parse(readFile(path).c_str()).HasParseError());
+  ASSERT_FALSE(report.Parse(kindlettest::readFile(path).c_str()).HasParseError());
   EXPECT_EQ(report["version"].GetInt(), 1);
   char host[256] = {};
   ::gethostname(host, sizeof host - 1);
@@ -107,7 +98,7 @@ TEST(KindletControl, AReportIsWrittenWhenALaterFileFailsButNotWhenTheBootstrapFa
   TempDir scratch;
   const std::string reports = scratch.file("reports");
   boost::filesystem::create_directory(reports);
-  scratch.write("shot.000001.optree.json", readFile(scene));
+  scratch.write("shot.000001.optree.json", kindlettest::readFile(scene));
   scratch.write("shot.000002.optree.json", "{ not json");
   const RunResult later = control(
       root + "/bin/kindlet-control",
@@ -128,29 +119,12 @@ TEST(KindletControl, AReportIsWrittenWhenALaterFileFailsButNotWhenTheBootstrapFa
   boost::filesystem::remove_all(reports);
   boost::filesystem::create_directory(reports);
   const RunResult bootstrapFailed = kindlettest::runKindlet(
-      {kindlettest::kindletPath(), "-selvaneRoot", root, "-tempDir", scratch.path(),
+      {"-selvaneRoot", root, "-tempDir", scratch.path(),
        "-arbolite3OpTree", scene, "-renderer", "recording", "-renderMethodName", "diskRender"},
       {{"SELVANE_ANALYTICS_DIR", reports}, {"SELVANE_DEFAULT_ASSET_PLUGIN", ""}});
   EXPECT_EQ(bootstrapFailed.exitStatus, 255);
   EXPECT_EQ(bootstrapFailed.err.find("Analytics"), std::string::npos);
   EXPECT_TRUE(filesIn(reports).empty());
-}
-
-TEST(KindletControl, LiveModeFromACleanEnvironment) {
-  TempDir scratch;
-  const RunResult result = control(
-      root + "/bin/kindlet-control",
-      {"--start", "--script", std::string(KINDLET_SOURCE_DIR) + "/examples/live/session.txt",
-       "--", "-selvaneRoot", root, "-tempDir", scratch.path(), "-renderer", "recording",
-       "-renderMethodName", "liveRender", "-arbolite3OpTree", scene, "-recordFile",
-       scratch.file("calls.txt")},
-      cleanEnvironment());
-  EXPECT_EQ(result.exitStatus, 0) << result.err;
-  EXPECT_NE(result.out.find("kindlet exited with status 0\n"), std::string::npos);
-  EXPECT_EQ(result.err.find("Analytics"), std::string::npos);
-  const auto slots =
-      kindlettest::recordedSlots(kindlettest::readRecordFile(scratch.file("calls.txt")));
-  EXPECT_NE(std::find(slots.begin(), slots.end(), "stopLiveEditing"), slots.end());
 }
 
 // A root whose bin/kindlet is a script: every way a child can end, and what

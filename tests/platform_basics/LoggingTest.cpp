@@ -4,11 +4,7 @@
 #include <map>
 
 #include "KindletTestSupport.h"
-#include "XoLoggingHost/XoLoggerGlue.h"
-#include "XoLoggingHost/XoLoggingC.h"
 
-using XoLoggingHost::LogLevel;
-using XoLoggingHost::XoLoggerGlue;
 using testing::ElementsAre;
 
 namespace {
@@ -31,7 +27,8 @@ std::vector<std::string> firstLines(size_t n) {
 
 TEST(Logging, ThresholdKeyDecidesLevelsAndLines) {
   const std::vector<std::pair<std::string, size_t>> cases = {
-      {"", 3}, {"debug", 4}, {"warning", 2}, {"error", 1}, {"off", 0}, {"nonsense", 3}};
+      {"", 3}, {"debug", 4}, {"warning", 2}, {"error", 1}, {"off", 0}, {"nonsense", 3},
+      {"DEBUG", 3}};  // names are lower case
   for (const auto& c : cases) {
     std::map<std::string, std::string> env;
     if (!c.first.empty()) env["SELVANE_LOG_LEVEL"] = c.first;
@@ -60,20 +57,6 @@ TEST(Logging, LogFileIsAppendedAndStderrStaysQuiet) {
   const kindlettest::RunResult fallback =
       probe({{"SELVANE_LOG_FILE", kindlettest::scratch().file("no/such/dir.log")}}, {"log"});
   EXPECT_EQ(kindlettest::splitLines(fallback.err), firstLines(3));
-}
-
-TEST(Logging, ThresholdCanBeChangedInProcess) {
-  const LogLevel saved = XoLoggerGlue::threshold();
-  XoLoggerGlue channel("Test");
-  XoLoggerGlue::setThreshold(LogLevel::Warning);
-  EXPECT_TRUE(channel.warnEnabled());
-  EXPECT_FALSE(channel.infoEnabled());
-  EXPECT_EQ(XoLoggingGetThreshold(), kXoLogLevelWarning);
-  XoLoggerGlue::setThreshold(LogLevel::Off);
-  EXPECT_FALSE(channel.errorEnabled());
-  XoLoggerGlue::setThreshold(saved);
-  EXPECT_EQ(XoLoggerGlue::parseLevel("debug"), LogLevel::Debug);
-  EXPECT_EQ(XoLoggerGlue::parseLevel("DEBUG"), LogLevel::Info);  // names are lower case
 }
 
 }  // namespace

@@ -23,23 +23,20 @@ void expectRejected(const std::string& path, const std::string& reason) {
                                 HasSubstr(reason))));
 }
 
-TEST(OpTreeReject, FilesThatCannotBeRead) {
-  expectRejected(kindlettest::scratch().path() + "/missing.json", "does not exist");
-  const std::string dir = kindlettest::scratch().path() + "/adirectory.json";
-  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-  expectRejected(dir, "is a directory");
-  expectRejected("/dev/null", "not a regular file");
-}
-
-TEST(OpTreeReject, TextThatIsNotJson) {
-  expectRejected(kindlettest::scratch().write("empty.json", ""), "JSON error at byte 0");
-  expectRejected(kindlettest::scratch().write("text.json", "camera at the origin\n"), "JSON error");
-  expectRejected(kindlettest::scratch().write("cut.json", R"({"optree": 1, "root": {"children": [)"),
-                 "JSON error");
-  expectRejected(kindlettest::scratch().write("trailing.json", R"({"optree": 1, "root": {}} x)"),
-                 "JSON error");
-  expectRejected(kindlettest::scratch().write("latin1.json", "{\"optree\": 1, \"root\": {\"type\": \"\xe9\"}}"),
-                 "JSON error");
+TEST(OpTreeReject, FilesThatCannotBeReadOrAreNotJson) {
+  const kindlettest::TempDir& dir = kindlettest::scratch();
+  ASSERT_EQ(mkdir(dir.file("adirectory.json").c_str(), 0755), 0);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {dir.file("missing.json"), "does not exist"},
+      {dir.file("adirectory.json"), "is a directory"},
+      {"/dev/null", "not a regular file"},
+      {dir.write("empty.json", ""), "JSON error at byte 0"},
+      {dir.write("text.json", "camera at the origin\n"), "JSON error"},
+      {dir.write("cut.json", R"({"optree": 1, "root": {"children": [)"), "JSON error"},
+      {dir.write("trailing.json", R"({"optree": 1, "root": {}} x)"), "JSON error"},
+      {dir.write("latin1.json", "{\"optree\": 1, \"root\": {\"type\": \"\xe9\"}}"), "JSON error"},
+  };
+  for (const auto& c : cases) expectRejected(c.first, c.second);
 }
 
 // Well-formed JSON that is not an Op tree: each text with a part of its reason.

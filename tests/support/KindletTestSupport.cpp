@@ -27,8 +27,6 @@ namespace kindlettest {
 
 std::string testRoot() { return KINDLET_TEST_ROOT; }
 
-std::string kindletPath() { return testRoot() + "/bin/kindlet"; }
-
 std::map<std::string, std::string> parentEnvironment() {
   std::map<std::string, std::string> environment;
   const char* path = getenv("PATH");
@@ -175,11 +173,6 @@ Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& chan
   return spawnEntries(argv.at(0), argv, std::move(environment), capture);
 }
 
-Child spawnWithEnvironment(const std::vector<std::string>& argv,
-                           const std::map<std::string, std::string>& environment, bool capture) {
-  return spawnEntries(argv.at(0), argv, entriesOf(environment), capture);
-}
-
 std::string readToEnd(int& fd) {
   std::string text;
   char buffer[4096];
@@ -230,15 +223,16 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
 RunResult runWithEnvironment(const std::vector<std::string>& argv,
                              const std::map<std::string, std::string>& environment,
                              std::chrono::milliseconds timeout) {
-  return collect(spawnWithEnvironment(argv, environment), timeout, nullptr);
+  return collect(spawnEntries(argv.at(0), argv, entriesOf(environment), true), timeout, nullptr);
 }
 
 RunResult runKindlet(const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& extraEnvironment,
                      std::chrono::milliseconds timeout, const KillCondition& killWhen) {
-  std::vector<std::string> argv{kindletPath()};
+  const std::string kindlet = testRoot() + "/bin/kindlet";
+  std::vector<std::string> argv{kindlet};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return run(kindletPath(), argv, extraEnvironment, timeout, killWhen);
+  return run(kindlet, argv, extraEnvironment, timeout, killWhen);
 }
 
 // ---- text and files ----

@@ -21,8 +21,6 @@ namespace kindlettest {
 
 // The install root the tests run from (<build>/root).
 std::string testRoot();
-// <root>/bin/kindlet
-std::string kindletPath();
 
 // What a parent of kindlet puts into a clean environment: PATH, the
 // interpreter keys and the default asset and file sequence plug-in names.
@@ -72,10 +70,6 @@ using EnvironmentChanges = std::map<std::string, boost::optional<std::string>>;
 // With `capture`, standard output and error go to pipes that the caller reads.
 Child spawn(const std::vector<std::string>& argv, const EnvironmentChanges& changes = {},
             bool capture = true);
-// The same with exactly the given environment.
-Child spawnWithEnvironment(const std::vector<std::string>& argv,
-                           const std::map<std::string, std::string>& environment,
-                           bool capture = true);
 // Everything up to end of file; closes the descriptor.
 std::string readToEnd(int& fd);
 // One line without its end, or boost::none at end of file. Reads byte by

@@ -64,11 +64,6 @@ std::vector<XoAttributeStruct*> TestPlugin::submittedHandles() const {
   return handles;
 }
 
-size_t TestPlugin::lastCommandLength() const {
-  std::lock_guard<std::mutex> lock(mutex);
-  return commandLength;
-}
-
 bool TestPlugin::waitUntil(const std::function<bool(const std::vector<std::string>&)>& done,
                            std::chrono::milliseconds limit) const {
   std::unique_lock<std::mutex> lock(mutex);
@@ -113,12 +108,7 @@ int32_t TestPlugin::stopLiveEditing(XoRendererPluginHandle h) {
 int32_t TestPlugin::handleControlCommand(XoRendererPluginHandle h, const char* command) {
   TestPlugin& plugin = self(h);
   // A record of 256 bytes has no terminator: never read past it.
-  const size_t length = strnlen(command, 256);
-  {
-    std::lock_guard<std::mutex> lock(plugin.mutex);
-    plugin.commandLength = length;
-  }
-  plugin.record("handleControlCommand " + std::string(command, length));
+  plugin.record("handleControlCommand " + std::string(command, strnlen(command, 256)));
   return 0;
 }
 

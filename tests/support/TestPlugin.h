@@ -28,7 +28,6 @@ class TestPlugin {
   // The updates as submitted, in order.
   std::vector<Arbolite3::internal::XoAttribute::Attribute> updates() const;
   std::vector<XoAttributeStruct*> submittedHandles() const;
-  size_t lastCommandLength() const;
 
   // Waits until `done` holds over the calls; false on time-out.
   bool waitUntil(const std::function<bool(const std::vector<std::string>&)>& done,
@@ -77,6 +76,5 @@ class TestPlugin {
   std::vector<Arbolite3::internal::XoAttribute::Attribute> submitted;
   std::vector<XoAttributeStruct*> handles;
   size_t pending = 0;
-  size_t commandLength = 0;
   bool applyHeld = false;
 };

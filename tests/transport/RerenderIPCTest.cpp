@@ -1,27 +1,25 @@
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-
+// Both rerender channels against the real Rendering::Manager and a plug-in
+// that records its calls. Many frames in a row are in DataBurstTest.
 #include <chrono>
-#include <cstdint>
-#include <future>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "KINDLET/src/RenderManager.h"
 #include "KINDLET/src/RerenderControl/RerenderIPC.h"
 #include "KindletTestSupport.h"
-#include "RecordingSuite.h"
+#include "LiveRender.h"
+#include "TestPlugin.h"
 #include "UTIL/src/Exceptions.h"
 #include "XoAttribute/Attribute.h"
 #include "XoConfiguration/Configuration.h"
 
 using Arbolite3::Base::FileDescriptor;
 using Arbolite3::internal::XoAttribute::GroupAttribute;
-using Arbolite3::internal::XoAttribute::GroupBuilder;
-using Arbolite3::internal::XoAttribute::StringAttribute;
 using Arbolite3::XoConfiguration::v1::Config;
+using kindlettest::LocalListener;
+using kindlettest::sendAll;
+using Calls = std::vector<std::string>;
 
 // Leak checking of sanitizer builds: what the channels allocate is never
 // freed by design, and the live-render tests leave their Manager to the
@@ -38,57 +36,56 @@ extern "C" const char* __tsan_default_suppressions() {
          "race:Rendering::Manager::storeLiveRenderState\n";
 }
 
-using kindlettest::LocalListener;
-using kindlettest::resetConnection;
-using kindlettest::sendAll;
-
 namespace {
 
-GroupAttribute update(const std::string& name, const std::string& value) {
-  GroupBuilder builder;
-  builder.set(name, StringAttribute(value));
-  return builder.build();
+// One plug-in for the program: readers that render() started outlive a test.
+TestPlugin& plugin() {
+  static TestPlugin* made = [] {
+    TestPlugin* instance = new TestPlugin;
+    instance->recordQueries = false;
+    instance->describeUpdates = true;
+    return instance;
+  }();
+  return *made;
 }
 
-std::string frame(const std::string& payload) { return kindlettest::dataFrame(payload); }
-std::string frame(const GroupAttribute& group) { return frame(group.getBinary()); }
-
-std::string record(const std::string& text) { return kindlettest::controlRecord(text); }
-
+GroupAttribute update(const std::string& name, const std::string& value) {
+  return kindlettest::stringGroup({{name, value}});
+}
+std::string frame(const GroupAttribute& group) { return kindlettest::dataFrame(group.getBinary()); }
 std::string submitted(const GroupAttribute& group) { return "submitUpdate " + group.getXML(); }
 
-// Both channels of one RerenderIPC pair connected to local listeners, with
-// the real Manager behind them. The readers are stopped before the Manager
-// goes, since nothing else ties their lifetimes together.
+// Both channels of one RerenderIPC pair connected to local listeners. The
+// readers are stopped before the Manager goes: nothing else ties their
+// lifetimes together.
 class RerenderChannels : public testing::Test {
  protected:
-  void SetUp() override { recording::reset(); }
+  void SetUp() override { plugin().reset(); }
   void TearDown() override {
     control.disconnect();
     data.disconnect();
   }
-
   void connectBoth() {
     ASSERT_EQ(control.connectControl(&manager, "127.0.0.1", controlListener.port()), 0);
     ASSERT_EQ(data.connectData(&manager, "127.0.0.1", dataListener.port()), 0);
     controlPeer = controlListener.accept();
     dataPeer = dataListener.accept();
   }
-
-  // Waits for `count` submitted updates, then a little more to catch extras.
-  std::vector<std::string> updatesAfter(
-      size_t count, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    recording::waitFor([&](const std::vector<std::string>& calls) {
-      size_t updates = 0;
-      for (const std::string& call : calls) updates += call.rfind("submitUpdate ", 0) == 0;
-      return updates >= count;
+  // Waits for `count` calls (of `slot`, when given), then a little more to
+  // catch extras.
+  Calls callsAfter(size_t count, const std::string& slot = "",
+                   std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    plugin().waitUntil([&](const Calls& calls) {
+      size_t found = 0;
+      for (const std::string& call : calls) found += call.rfind(slot, 0) == 0;
+      return found >= count;
     }, limit);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return recording::callsOf("submitUpdate");
+    return slot.empty() ? plugin().calls() : plugin().callsOf(slot);
   }
 
   LocalListener controlListener, dataListener;
-  Rendering::Manager manager{recording::handle(), recording::suite(), "127.0.0.1",
+  Rendering::Manager manager{plugin().handle(), plugin().suite(), "127.0.0.1",
                              controlListener.port(), dataListener.port(), 7};
   RerenderIPC control, data;
   FileDescriptor controlPeer, dataPeer;
@@ -98,44 +95,15 @@ class RerenderChannels : public testing::Test {
 
 TEST_F(RerenderChannels, ControlRecordsAreDeliveredWhole) {
   connectBoth();
-  std::string stream = record("hello plug-in") + std::string(256, '\0') + record("pauseRerender") +
-                       record("stopLiveEditingNow");
-  std::string last = record(std::string(255, 'L'));
-  sendAll(controlPeer.get(), stream + last);
-  ASSERT_TRUE(recording::waitFor(
-      [](const std::vector<std::string>& calls) { return calls.size() >= 4; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  using kindlettest::controlRecord;
+  sendAll(controlPeer.get(), controlRecord("hello plug-in") + std::string(256, '\0') +
+                                 controlRecord("pauseRerender") +
+                                 controlRecord("stopLiveEditingNow") +
+                                 controlRecord(std::string(255, 'L')));
   // The all-zero record has no effect; only the exact word is a known command.
-  EXPECT_EQ(recording::calls(),
-            (std::vector<std::string>{"handleControlCommand hello plug-in", "pauseRerender",
-                                      "handleControlCommand stopLiveEditingNow",
-                                      "handleControlCommand " + std::string(255, 'L')}));
-}
-
-TEST_F(RerenderChannels, FramesAreSplitByTheirHeadersNotBySegments) {
-  connectBoth();
-  const GroupAttribute a = update("a", "1"), b = update("b", "2"), c = update("c", "33");
-  sendAll(dataPeer.get(), frame(a) + frame(b));  // one segment, two frames
-
-  // One frame dribbled out a byte at a time, each byte its own segment.
-  const int one = 1;
-  ::setsockopt(dataPeer.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  for (char byte : frame(c)) {
-    sendAll(dataPeer.get(), &byte, 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  EXPECT_EQ(updatesAfter(3),
-            (std::vector<std::string>{submitted(a), submitted(b), submitted(c)}));
-}
-
-TEST_F(RerenderChannels, LargeFrameArrivesInOnePiece) {
-  connectBoth();
-  // Pad a string child so that the payload is exactly 100,000 bytes.
-  const size_t overhead = update("big", "").getBinary().size();
-  const GroupAttribute big = update("big", std::string(100000 - overhead, 'x'));
-  ASSERT_EQ(big.getBinary().size(), 100000u);
-  sendAll(dataPeer.get(), frame(big));
-  EXPECT_EQ(updatesAfter(1), std::vector<std::string>{submitted(big)});
+  EXPECT_EQ(callsAfter(4), (Calls{"handleControlCommand hello plug-in", "pauseRerender",
+                                  "handleControlCommand stopLiveEditingNow",
+                                  "handleControlCommand " + std::string(255, 'L')}));
 }
 
 TEST_F(RerenderChannels, UnparsablePayloadIsSkippedAndTheStreamStaysInStep) {
@@ -143,34 +111,34 @@ TEST_F(RerenderChannels, UnparsablePayloadIsSkippedAndTheStreamStaysInStep) {
   const GroupAttribute good = update("after", "garbage");
   // A garbage payload that itself looks like a frame header: the state, not
   // the content, decides what it is.
-  sendAll(dataPeer.get(), frame(frame("zzzzzzzz")) + frame(good));
-  EXPECT_EQ(updatesAfter(1), std::vector<std::string>{submitted(good)});
+  sendAll(dataPeer.get(),
+          kindlettest::dataFrame(kindlettest::dataFrame("zzzzzzzz")) + frame(good));
+  EXPECT_EQ(callsAfter(1, "submitUpdate"), Calls{submitted(good)});
 }
 
 TEST_F(RerenderChannels, ZeroLengthPayloadEndsTheDataReader) {
   connectBoth();
-  const GroupAttribute first = update("n", "1"), never = update("n", "2");
-  sendAll(dataPeer.get(), frame(first) + frame(std::string()));
-  updatesAfter(1);
-  // The zero-byte read that follows counts as nothing delivered: the reader
-  // is gone, so this frame is never read.
-  sendAll(dataPeer.get(), frame(never));
-  EXPECT_EQ(updatesAfter(2, std::chrono::milliseconds(300)), std::vector<std::string>{submitted(first)});
+  const GroupAttribute first = update("n", "1");
+  sendAll(dataPeer.get(), frame(first) + kindlettest::dataFrame(""));
+  callsAfter(1, "submitUpdate");
+  // The reader is gone, so this frame is never read.
+  sendAll(dataPeer.get(), frame(update("n", "2")));
+  EXPECT_EQ(callsAfter(2, "submitUpdate", std::chrono::milliseconds(300)), Calls{submitted(first)});
 }
 
 TEST_F(RerenderChannels, PeerEndingMidStreamIsQuiet) {
   connectBoth();
   const GroupAttribute sent = update("k", "v");
   testing::internal::CaptureStderr();
-  // Data: a whole frame, then 3 bytes of a header, then the end.
+  // Data: a whole frame, then 3 bytes of a header, then the end. Control: a
+  // record cut short is still handed over.
   sendAll(dataPeer.get(), frame(sent) + std::string(3, '\1'));
   dataPeer.reset();
-  // Control: a record cut short is still handed over, 256 bytes long.
   sendAll(controlPeer.get(), std::string("partial\0", 8));
   controlPeer.reset();
-  EXPECT_EQ(updatesAfter(1), std::vector<std::string>{submitted(sent)});
-  EXPECT_EQ(recording::callsOf("handleControlCommand"),
-            std::vector<std::string>{"handleControlCommand partial"});
+  callsAfter(2);
+  EXPECT_EQ(plugin().callsOf("submitUpdate"), Calls{submitted(sent)});
+  EXPECT_EQ(plugin().callsOf("handleControlCommand"), Calls{"handleControlCommand partial"});
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
@@ -178,88 +146,50 @@ TEST_F(RerenderChannels, ResetDropsTheRecordInProgressQuietly) {
   connectBoth();
   testing::internal::CaptureStderr();
   sendAll(controlPeer.get(), std::string(100, 'c'));
-  sendAll(dataPeer.get(), frame(std::string(100, 'd')).substr(0, 50));
+  sendAll(dataPeer.get(), kindlettest::dataFrame(std::string(100, 'd')).substr(0, 50));
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  resetConnection(controlPeer);
-  resetConnection(dataPeer);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_TRUE(recording::calls().empty());
+  kindlettest::resetConnection(controlPeer);
+  kindlettest::resetConnection(dataPeer);
+  EXPECT_TRUE(callsAfter(1, "", std::chrono::milliseconds(100)).empty());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(RerenderChannels, EachChannelConnectsOnce) {
-  const unsigned short unused = LocalListener::unusedPort();
   testing::internal::CaptureStderr();
-  EXPECT_EQ(control.connectControl(&manager, "127.0.0.1", unused), 1);
+  EXPECT_EQ(control.connectControl(&manager, "127.0.0.1", controlListener.port()), 0);
   EXPECT_THROW(control.connectControl(&manager, "127.0.0.1", controlListener.port()),
                UTIL::AssertException);
   EXPECT_EQ(data.connectData(&manager, "127.0.0.1", dataListener.port()), 0);
   EXPECT_THROW(data.connectData(&manager, "127.0.0.1", dataListener.port()),
                UTIL::AssertException);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "RerenderIPC (control): Could not connect to 127.0.0.1:" + std::to_string(unused) +
-                "\nassert(controlInterface == nullptr) failed at "
-                "KINDLET/src/RerenderControl/RerenderIPC:9\n"
-                "assert(dataInterface == nullptr) failed at "
-                "KINDLET/src/RerenderControl/RerenderIPC:30\n");
+            "assert(controlInterface == nullptr) failed at "
+            "KINDLET/src/RerenderControl/RerenderIPC:9\n"
+            "assert(dataInterface == nullptr) failed at "
+            "KINDLET/src/RerenderControl/RerenderIPC:30\n");
 }
 
-namespace {
-
-// A live render on its own thread, through Manager::render.
-class LiveRender {
- public:
-  explicit LiveRender(Rendering::Manager& manager)
-      : result_(std::async(std::launch::async, [&manager] { return manager.render("liveRender"); })),
-        manager_(manager) {}
-  ~LiveRender() {
-    if (result_.valid()) stop();
-  }
-  bool running() {
-    return result_.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready;
-  }
-  // Repeats the command: one that lands just before the loop sleeps has no
-  // one to wake.
-  int stop() {
-    while (result_.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready)
-      manager_.processControlCommand(std::string("stopLiveEditing"));
-    return result_.get();
-  }
-
- private:
-  std::future<int32_t> result_;
-  Rendering::Manager& manager_;
-};
-
-}  // namespace
-
 TEST(RerenderLiveRender, ChannelsFeedTheLoopAndItOutlivesThem) {
-  recording::reset();
+  plugin().reset();
   Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
   LocalListener controlListener, dataListener;
   // render() leaves its readers running with no way to stop them, so the
   // Manager must outlive the test, as it outlives main in kindlet.
   Rendering::Manager& manager = *new Rendering::Manager(
-      recording::handle(), recording::suite(), "127.0.0.1", controlListener.port(),
+      plugin().handle(), plugin().suite(), "127.0.0.1", controlListener.port(),
       dataListener.port(), 7);
   LiveRender render(manager);
   FileDescriptor controlPeer = controlListener.accept();
   FileDescriptor dataPeer = dataListener.accept();
-  ASSERT_TRUE(recording::waitFor([](const std::vector<std::string>& calls) {
-    return calls.size() >= 2;  // start, startLiveEditing
-  }));
+  ASSERT_TRUE(plugin().waitForCount("startLiveEditing", 1));
 
   const GroupAttribute first = update("first", "1");
-  sendAll(dataPeer.get(), frame(first));
+  sendAll(dataPeer.get(), kindlettest::dataFrame(first.getBinary()));
   // The loop sleeps without a predicate, so an update that lands before it
   // first sleeps wakes nobody. Empty payloads only wake it (and log an error).
   bool applied = false;
   for (int i = 0; i < 50 && !applied; ++i) {
-    applied = recording::waitFor(
-        [](const std::vector<std::string>& calls) {
-          return !calls.empty() && calls.back() == "applyQueuedUpdates 1";
-        },
-        std::chrono::milliseconds(100));
+    applied = plugin().waitForCount("applyQueuedUpdates", 1, std::chrono::milliseconds(100));
     if (!applied) manager.processLiveRenderData("", 0);
   }
   ASSERT_TRUE(applied);
@@ -267,20 +197,18 @@ TEST(RerenderLiveRender, ChannelsFeedTheLoopAndItOutlivesThem) {
   // Both peers gone: the render keeps running until told otherwise.
   controlPeer.reset();
   dataPeer.reset();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_TRUE(render.running());
+  EXPECT_FALSE(render.returned(std::chrono::milliseconds(100)));
   EXPECT_EQ(render.stop(), 0);
-  EXPECT_EQ(recording::calls(),
-            (std::vector<std::string>{"start", "startLiveEditing", submitted(first),
-                                      "applyQueuedUpdates 1", "stopLiveEditing", "stop"}));
+  EXPECT_EQ(plugin().calls(), (Calls{"start", "startLiveEditing", submitted(first),
+                                     "applyQueuedUpdates 1", "stopLiveEditing", "stop"}));
 }
 
 TEST(RerenderLiveRender, NoListenerIsReportedAndTheRenderGoesOn) {
-  recording::reset();
+  plugin().reset();
   Config().set("SELVANE_DISABLE_PREVANE_PLUS", "1");
   const unsigned short controlPort = LocalListener::unusedPort();
   const unsigned short dataPort = LocalListener::unusedPort();
-  Rendering::Manager manager(recording::handle(), recording::suite(), "127.0.0.1", controlPort,
+  Rendering::Manager manager(plugin().handle(), plugin().suite(), "127.0.0.1", controlPort,
                              dataPort, 7);
   testing::internal::CaptureStderr();
   EXPECT_EQ(manager.render("previewRender"), 0);
@@ -288,5 +216,5 @@ TEST(RerenderLiveRender, NoListenerIsReportedAndTheRenderGoesOn) {
             "RerenderIPC (control): Could not connect to 127.0.0.1:" +
                 std::to_string(controlPort) + "\nRerenderIPC (data): Could not connect to 127.0.0.1:" +
                 std::to_string(dataPort) + "\n");
-  EXPECT_EQ(recording::calls(), (std::vector<std::string>{"start", "stop"}));
+  EXPECT_EQ(plugin().calls(), (Calls{"start", "stop"}));
 }

@@ -16,6 +16,12 @@ bool parses(const std::string& bytes) {
   return Attribute::parseBinary(bytes.data(), bytes.size()).isValid();
 }
 
+Attribute roundTrip(const Attribute& attr) {
+  const std::string bytes = attr.getBinary();
+  EXPECT_FALSE(bytes.empty());
+  return Attribute::parseBinary(bytes.data(), bytes.size());
+}
+
 // depth groups, each holding the next as "g"; the innermost is empty.
 std::string nested(size_t depth) {
   BlobWriter w;
@@ -129,4 +135,25 @@ TEST(BinaryMalformed, EveryTruncationIsRefusedAndEveryExtensionToo) {
     EXPECT_FALSE(parses(full + '\0'));
   }
   EXPECT_FALSE(Attribute::parseBinary(nullptr, 10).isValid());
+}
+
+TEST(BinaryRoundTrip, TreeWithEveryTypeAndAwkwardValues) {
+  GroupAttribute tree = sample::everyType();
+  GroupAttribute back(roundTrip(tree));
+  ASSERT_TRUE(back.isValid());
+  EXPECT_EQ(back, tree);
+  EXPECT_EQ(back.getXML(), tree.getXML());
+  EXPECT_FALSE(GroupAttribute(back.getChildByName("nested")).getGroupInherit());
+  EXPECT_FALSE(GroupAttribute(back.getChildByName("nested.noInherit")).getGroupInherit());
+  EXPECT_TRUE(GroupAttribute(back.getChildByName("nested.empty")).getGroupInherit());
+  EXPECT_EQ(StringAttribute(back.getChildByName("strings")).getValue(), std::string("nul\0inside", 10));
+  EXPECT_EQ(IntAttribute(back.getChildByName("ints")).getTupleSize(), 3u);
+}
+
+TEST(BinaryRoundTrip, NestingUpToTheCapAndNoFurther) {
+  // 256 nested groups round-trip; one more cannot be written.
+  Attribute inner = IntAttribute(1);
+  for (int depth = 1; depth <= 256; ++depth) inner = GroupBuilder().set("g", inner).build();
+  EXPECT_EQ(roundTrip(inner), inner);
+  EXPECT_EQ(GroupBuilder().set("g", inner).build().getBinary(), "");
 }
