@@ -145,6 +145,24 @@ void BM_BareEmbreePrimaryPackets(benchmark::State& state) {
 }
 BENCHMARK(BM_BareEmbreePrimaryPackets)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// What the packet floor spends on copying its packets before each trace,
+// to see how much of the floor is not tracing.
+void BM_BarePrimaryPacketCopies(benchmark::State& state) {
+  Renderer renderer(quiet(1));
+  renderer.load(gridScene(kCopies, 256, 256, 1, false));
+  const std::vector<RTCRayHit16> packets = primaryPackets(renderer.scene());
+  size_t sum = 0;
+  for (auto _ : state) {
+    for (const RTCRayHit16& packet : packets) {
+      alignas(64) RTCRayHit16 rh = packet;
+      benchmark::DoNotOptimize(rh);
+      sum += rh.hit.geomID[0];
+    }
+  }
+  benchmark::DoNotOptimize(sum);
+}
+BENCHMARK(BM_BarePrimaryPacketCopies)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Full paths (depth 5, a rectangle light and a dome) on the same scene.
 void BM_SamplesPerSecond(benchmark::State& state) {
   const int threads = int(state.range(0));
