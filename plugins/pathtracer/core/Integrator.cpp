@@ -145,7 +145,7 @@ namespace {
 
 // Light leaving the found `hit` back along unit `direction`, beyond the
 // hit's own emission: light sampled at each hit and the paths bounced on,
-// for the `segments` segments left (at least 1, the one that made `hit`).
+// for paths of at most `segments` segments, the one that made `hit` counted.
 Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
                int segments, bool sampledLights) {
   Vec3 result, throughput(1, 1, 1);
