@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "CameraRays.h"
 #include "ImageFile.h"
 #include "Integrator.h"
 #include "Pass.h"
@@ -56,8 +57,8 @@ RendererOptions quiet(int threads) {
 
 constexpr int kCopies = 30;  // 111,960 triangles
 
-// Primary rays through the renderer: camera ray, hit, shading of a path of
-// length one with no lights, one thread.
+// Primary rays through the renderer: the quick first pass of a live render
+// (sample 0, paths of length one) in a scene with no lights, one thread.
 void BM_RendererPrimaryRays(benchmark::State& state) {
   Renderer renderer(quiet(1));
   renderer.load(gridScene(kCopies, 256, 256, 1, false));
@@ -65,36 +66,51 @@ void BM_RendererPrimaryRays(benchmark::State& state) {
   std::vector<float> sums(256 * 256 * 3);
   tbb::task_arena arena(1);
   const std::atomic<bool> never{false};
-  int sample = 0;
-  for (auto _ : state) renderPass(scene, sample++, sums, arena, never);
+  for (auto _ : state) renderPass(scene, 0, sums, arena, never, 1);
   state.SetItemsProcessed(state.iterations() * 256 * 256);
   state.counters["triangles"] = double(scene.triangleCount());
 }
 BENCHMARK(BM_RendererPrimaryRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The floor: the same rays, made beforehand, traced with nothing else.
+// The renderer's camera rays of that pass, in its 4x4 packets, made beforehand.
+std::vector<RTCRayHit16> primaryPackets(const RenderScene& scene) {
+  const CameraRays camera(scene, 0);
+  std::vector<RTCRayHit16> packets;
+  alignas(64) int valid[kPacket];
+  for (int by = 0; by < 256; by += kPacketSide)
+    for (int bx = 0; bx < 256; bx += kPacketSide) {
+      alignas(64) RTCRayHit16 packet;
+      camera.fill(bx, by, kPacketSide, kPacketSide, packet, valid);
+      packets.push_back(packet);
+    }
+  return packets;
+}
+
+// The floor: the same rays traced one at a time with nothing else.
 void BM_BareEmbreePrimaryRays(benchmark::State& state) {
   Renderer renderer(quiet(1));
   renderer.load(gridScene(kCopies, 256, 256, 1, false));
   const RenderScene& scene = renderer.scene();
-  std::vector<CameraRay> rays;
-  for (int y = 0; y < 256; ++y)
-    for (int x = 0; x < 256; ++x) {
-      Random random(uint32_t(y * 256 + x), 0);
-      rays.push_back(cameraRay(scene, x + random.next(), y + random.next()));
+  std::vector<RTCRayHit> rays;
+  for (const RTCRayHit16& packet : primaryPackets(scene))
+    for (int i = 0; i < kPacket; ++i) {
+      RTCRayHit rh;
+      rh.ray.org_x = packet.ray.org_x[i]; rh.ray.org_y = packet.ray.org_y[i];
+      rh.ray.org_z = packet.ray.org_z[i];
+      rh.ray.dir_x = packet.ray.dir_x[i]; rh.ray.dir_y = packet.ray.dir_y[i];
+      rh.ray.dir_z = packet.ray.dir_z[i];
+      rh.ray.tnear = packet.ray.tnear[i]; rh.ray.tfar = packet.ray.tfar[i];
+      rh.ray.time = 0; rh.ray.mask = 0xffffffffu; rh.ray.id = 0; rh.ray.flags = 0;
+      rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+      rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+      rays.push_back(rh);
     }
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   size_t hits = 0;
   for (auto _ : state) {
-    for (const CameraRay& ray : rays) {
-      RTCRayHit rh;
-      rh.ray.org_x = ray.origin.x; rh.ray.org_y = ray.origin.y; rh.ray.org_z = ray.origin.z;
-      rh.ray.dir_x = ray.direction.x; rh.ray.dir_y = ray.direction.y; rh.ray.dir_z = ray.direction.z;
-      rh.ray.tnear = ray.tnear; rh.ray.tfar = ray.tfar;
-      rh.ray.time = 0; rh.ray.mask = 0xffffffffu; rh.ray.id = 0; rh.ray.flags = 0;
-      rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-      rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    for (const RTCRayHit& ray : rays) {
+      RTCRayHit rh = ray;
       rtcIntersect1(scene.geometry->scene, &context, &rh);
       hits += rh.hit.geomID != RTC_INVALID_GEOMETRY_ID;
     }
@@ -104,34 +120,15 @@ void BM_BareEmbreePrimaryRays(benchmark::State& state) {
 }
 BENCHMARK(BM_BareEmbreePrimaryRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The floor for packets: the same rays, in the same 4x4 pixel packets the
-// renderer traces, with nothing else.
+// The floor for packets: the same rays in the same packets, traced with
+// nothing else.
 void BM_BareEmbreePrimaryPackets(benchmark::State& state) {
   Renderer renderer(quiet(1));
   renderer.load(gridScene(kCopies, 256, 256, 1, false));
   const RenderScene& scene = renderer.scene();
-  std::vector<RTCRayHit16> packets;
-  for (int by = 0; by < 256; by += 4)
-    for (int bx = 0; bx < 256; bx += 4) {
-      RTCRayHit16 rh;
-      for (int i = 0; i < 16; ++i) {
-        const int x = bx + i % 4, y = by + i / 4;
-        Random random(uint32_t(y * 256 + x), 0);
-        const CameraRay ray = cameraRay(scene, x + random.next(), y + random.next());
-        rh.ray.org_x[i] = ray.origin.x; rh.ray.org_y[i] = ray.origin.y;
-        rh.ray.org_z[i] = ray.origin.z;
-        rh.ray.dir_x[i] = ray.direction.x; rh.ray.dir_y[i] = ray.direction.y;
-        rh.ray.dir_z[i] = ray.direction.z;
-        rh.ray.tnear[i] = ray.tnear; rh.ray.tfar[i] = ray.tfar;
-        rh.ray.time[i] = 0; rh.ray.mask[i] = 0xffffffffu; rh.ray.id[i] = unsigned(i);
-        rh.ray.flags[i] = 0;
-        rh.hit.geomID[i] = RTC_INVALID_GEOMETRY_ID;
-        rh.hit.instID[0][i] = RTC_INVALID_GEOMETRY_ID;
-      }
-      packets.push_back(rh);
-    }
-  alignas(64) int valid[16];
-  std::fill(valid, valid + 16, -1);
+  const std::vector<RTCRayHit16> packets = primaryPackets(scene);
+  alignas(64) int valid[kPacket];
+  std::fill(valid, valid + kPacket, -1);
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
@@ -144,9 +141,27 @@ void BM_BareEmbreePrimaryPackets(benchmark::State& state) {
     }
   }
   benchmark::DoNotOptimize(hits);
-  state.SetItemsProcessed(state.iterations() * packets.size() * 16);
+  state.SetItemsProcessed(state.iterations() * packets.size() * kPacket);
 }
 BENCHMARK(BM_BareEmbreePrimaryPackets)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// What the packet floor spends on copying its packets before each trace,
+// to see how much of the floor is not tracing.
+void BM_BarePrimaryPacketCopies(benchmark::State& state) {
+  Renderer renderer(quiet(1));
+  renderer.load(gridScene(kCopies, 256, 256, 1, false));
+  const std::vector<RTCRayHit16> packets = primaryPackets(renderer.scene());
+  size_t sum = 0;
+  for (auto _ : state) {
+    for (const RTCRayHit16& packet : packets) {
+      alignas(64) RTCRayHit16 rh = packet;
+      benchmark::DoNotOptimize(rh);
+      sum += rh.hit.geomID[0];
+    }
+  }
+  benchmark::DoNotOptimize(sum);
+}
+BENCHMARK(BM_BarePrimaryPacketCopies)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Full paths (depth 5, a rectangle light and a dome) on the same scene.
 void BM_SamplesPerSecond(benchmark::State& state) {
@@ -161,7 +176,9 @@ void BM_SamplesPerSecond(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 256 * 256);
   state.counters["triangles"] = double(renderer.scene().triangleCount());
 }
-BENCHMARK(BM_SamplesPerSecond)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+// CPU time is that of the whole process, both threads' work.
+BENCHMARK(BM_SamplesPerSecond)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()
+    ->MeasureProcessCPUTime();
 
 // From submitUpdate of a camera move to the first complete in-memory image
 // of the new state, at 512x512 and one sample per pixel: with `full` false

@@ -77,6 +77,10 @@ int32_t setup(XoRendererPluginHandle h) { FORWARD(setup, h); }
 int32_t teardown(XoRendererPluginHandle h) { FORWARD(teardown, h); }
 #undef FORWARD
 
+// Written out rather than made with XoRendererPluginSuiteFor: the core's own
+// suite is made with it and already guards every slot, and a class here would
+// add a second object per instance and a second guard to every call, only to
+// forward the handle the core returns.
 const XoRendererPluginSuite suite = {
     &create,           &destroy,          &start,
     &pauseRerender,    nullptr,           &stop,

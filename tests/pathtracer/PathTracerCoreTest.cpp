@@ -6,6 +6,7 @@
 #include <cmath>
 #include <thread>
 
+#include "CameraRays.h"
 #include "MeshFile.h"
 #include "Renderer.h"
 #include "XoScenegraph/AttributeJson.h"
@@ -99,6 +100,36 @@ TEST(PathTracer, PointLightFollowsInverseSquareAndCosineLaws) {
     const float expected = intensity * h / (r * r * r) / float(M_PI);
     const float got = 0.5f * (image[3 * (63 * width + column)] + image[3 * (64 * width + column)]);
     EXPECT_NEAR(got, expected, 0.015f * expected) << "column " << column << ", r " << r;
+  }
+}
+
+// The first pass's rays of a part-filled packet on an 8x4 image (sub-pixel
+// offset (1/2, 1/3), the shorter side spanning [-1, 1]): perspective
+// directions of unit depth with the clipping distances as tnear and tfar,
+// orthographic origins across the image plane.
+TEST(PathTracer, CameraRaysThroughPixelsOfAPacket) {
+  for (const char* projection : {"perspective", "orthographic"}) {
+    const bool orthographic = projection[0] == 'o';
+    Renderer renderer(quiet());
+    renderer.load(sceneOf(R"({"resolution": [8, 4]})",
+                          R"({"name": "cam", "type": "camera", "attributes": {"geometry": {
+        "fov": 90.0, "near": 0.5, "far": 100.0, "orthographicWidth": 4.0, "projection": ")" +
+                              std::string(projection) +
+                              R"("}, "xform": {"translate": [1.0, 0.0, 4.0]}}})"));
+    alignas(64) RTCRayHit16 packet;
+    alignas(64) int valid[kPacket];
+    CameraRays(renderer.scene(), 0).fill(4, 0, 2, 3, packet, valid);
+    for (int i = 0; i < kPacket; ++i) {
+      const int column = i % 4, row = i / 4;
+      EXPECT_EQ(valid[i] != 0, column < 2 && row < 3) << i;
+      const float sx = (2 * (4 + column + 0.5f) - 8) / 4, sy = (4 - 2 * (row + 1 / 3.0f)) / 4;
+      const float expected[] = {orthographic ? 1 + 2 * sx : 1, orthographic ? 2 * sy : 0, 4,
+                                orthographic ? 0 : sx, orthographic ? 0 : sy, -1, 0.5f, 100};
+      const float got[] = {packet.ray.org_x[i], packet.ray.org_y[i], packet.ray.org_z[i],
+                           packet.ray.dir_x[i], packet.ray.dir_y[i], packet.ray.dir_z[i],
+                           packet.ray.tnear[i], packet.ray.tfar[i]};
+      for (int k = 0; k < 8; ++k) EXPECT_NEAR(got[k], expected[k], 1e-5f) << projection << i << k;
+    }
   }
 }
 

@@ -10,6 +10,16 @@ namespace {
 
 constexpr float kInvPi = float(1.0 / M_PI);
 
+// What a ray met, kept raw: normals are only worked out for hits that are
+// shaded.
+struct Hit {
+  bool found = false;
+  float distance = 0;
+  Vec3 rawNormal;  // geometric, not unit length
+  unsigned geometry = 0, primitive = 0;
+  float u = 0, v = 0;
+};
+
 uint64_t mix(uint64_t z) {
   z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
   z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
@@ -131,98 +141,17 @@ Vec3 offset(const Vec3& p, const Vec3& n) {
 Random::Random(uint32_t pixel, uint32_t sample)
     : state(mix((uint64_t(pixel) << 32) ^ sample ^ 0x9e3779b97f4a7c15ULL)) {}
 
-float Random::next() {
-  // A linear congruential step with a permuted output: cheap, and good
-  // enough for the few dimensions one path uses.
-  state = state * 6364136223846793005ULL + 1442695040888963407ULL;
-  const uint32_t rotated = uint32_t(((state >> 18) ^ state) >> 27);
-  const uint32_t rotation = uint32_t(state >> 59);
-  const uint32_t bits = (rotated >> rotation) | (rotated << ((32 - rotation) & 31));
-  return float(bits >> 8) * (1.0f / 16777216.0f);
-}
+namespace {
 
-CameraRay cameraRay(const RenderScene& scene, float x, float y) {
-  const Camera& c = scene.camera;
-  const float w = float(scene.settings.width), h = float(scene.settings.height);
-  const float shorter = std::min(w, h);
-  // Image plane position, the shorter side spanning [-1, 1].
-  const float sx = (2 * x - w) / shorter, sy = (h - 2 * y) / shorter;
-  CameraRay ray;
-  if (c.orthographic) {
-    const float half = c.orthographicWidth / 2;
-    ray.origin = c.toWorld.point(Vec3(sx * half, sy * half, 0));
-    ray.direction = normalize(c.toWorld.vector(Vec3(0, 0, -1)));
-    ray.tnear = c.nearClip;
-    ray.tfar = c.farClip;
-    return ray;
-  }
-  const Vec3 d = c.right * (sx * c.tanHalfFov) + c.up * (sy * c.tanHalfFov) - c.forward;
-  const float len = length(d);
-  ray.origin = c.position;
-  ray.direction = d * (1 / len);
-  // Clipping distances count along the view axis.
-  ray.tnear = c.nearClip * len;
-  ray.tfar = c.farClip * len;
-  return ray;
-}
-
-Hit intersect(const RenderScene& scene, const CameraRay& ray) {
-  return intersectRay(scene, ray.origin, ray.direction, ray.tnear, ray.tfar);
-}
-
-void intersectPacket(const RenderScene& scene, const CameraRay* rays, int count, Hit* hits) {
-  alignas(64) RTCRayHit16 rh;
-  alignas(64) int valid[kPacket];
-  for (int i = 0; i < kPacket; ++i) {
-    valid[i] = i < count ? -1 : 0;
-    const CameraRay& r = rays[i < count ? i : 0];
-    rh.ray.org_x[i] = r.origin.x; rh.ray.org_y[i] = r.origin.y; rh.ray.org_z[i] = r.origin.z;
-    rh.ray.dir_x[i] = r.direction.x; rh.ray.dir_y[i] = r.direction.y;
-    rh.ray.dir_z[i] = r.direction.z;
-    rh.ray.tnear[i] = r.tnear;
-    rh.ray.tfar[i] = r.tfar;
-    rh.ray.time[i] = 0;
-    rh.ray.mask[i] = 0xffffffffu;
-    rh.ray.id[i] = unsigned(i);
-    rh.ray.flags[i] = 0;
-    rh.hit.geomID[i] = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.instID[0][i] = RTC_INVALID_GEOMETRY_ID;
-  }
-  RTCIntersectContext context;
-  rtcInitIntersectContext(&context);
-  context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
-  rtcIntersect16(valid, scene.geometry->scene, &context, &rh);
-  for (int i = 0; i < count; ++i) {
-    Hit& hit = hits[i];
-    hit = Hit();
-    if (rh.hit.geomID[i] == RTC_INVALID_GEOMETRY_ID) continue;
-    hit.found = true;
-    hit.distance = rh.ray.tfar[i];
-    hit.rawNormal = Vec3(rh.hit.Ng_x[i], rh.hit.Ng_y[i], rh.hit.Ng_z[i]);
-    hit.geometry = rh.hit.geomID[i];
-    hit.primitive = rh.hit.primID[i];
-    hit.u = rh.hit.u[i];
-    hit.v = rh.hit.v[i];
-  }
-}
-
-Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, const Hit& first,
-              Random& random, int maxDepth) {
+// Light leaving the found `hit` back along unit `direction`, beyond the
+// hit's own emission: light sampled at each hit and the paths bounced on,
+// for paths of at most `segments` segments, the one that made `hit` counted.
+Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
+               int segments, bool sampledLights) {
   Vec3 result, throughput(1, 1, 1);
-  Vec3 origin = cameraRay.origin, direction = cameraRay.direction;
-  const bool sampledLights = !scene.pointLights.empty() || !scene.distantLights.empty() ||
-                             !scene.rectLights.empty();
-  Hit hit = first;
-  for (int depth = 0; depth < maxDepth; ++depth) {
-    if (depth > 0)
-      hit = intersectRay(scene, origin, direction, 0, std::numeric_limits<float>::infinity());
-    if (!hit.found) {
-      result += throughput * scene.dome;
-      break;
-    }
+  for (int depth = 1;; ++depth) {
     const Material& m = scene.materials[hit.geometry];
-    result += throughput * m.emission;
-    const bool last = depth + 1 == maxDepth;
+    const bool last = depth == segments;
     // A last hit with no light to sample adds nothing more: skip its normals.
     if (last && !sampledLights) break;
     const Vec3 wo = -direction;
@@ -244,8 +173,47 @@ Vec3 radiance(const RenderScene& scene, const CameraRay& cameraRay, const Hit& f
     if (throughput.isBlack()) break;
     origin = p;
     direction = wi;
+    hit = intersectRay(scene, origin, direction, 0, std::numeric_limits<float>::infinity());
+    if (!hit.found) {
+      result += throughput * scene.dome;
+      break;
+    }
+    result += throughput * scene.materials[hit.geometry].emission;
   }
   return result;
+}
+
+}  // namespace
+
+void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
+                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out) {
+  const bool sampledLights = !scene.pointLights.empty() || !scene.distantLights.empty() ||
+                             !scene.rectLights.empty();
+  const bool onlyFirstHits = maxDepth <= 1 && !sampledLights;
+  for (int i = 0; i < kPacket; ++i) {
+    if (!valid[i]) continue;
+    const unsigned geometry = packet.hit.geomID[i];
+    if (geometry == RTC_INVALID_GEOMETRY_ID) {
+      out[i] = scene.dome;
+      continue;
+    }
+    out[i] = scene.materials[geometry].emission;
+    if (onlyFirstHits) continue;
+    const Vec3 origin(packet.ray.org_x[i], packet.ray.org_y[i], packet.ray.org_z[i]);
+    const Vec3 toward(packet.ray.dir_x[i], packet.ray.dir_y[i], packet.ray.dir_z[i]);
+    const float length = pathtracer::length(toward);
+    Hit hit;
+    hit.found = true;
+    hit.distance = packet.ray.tfar[i] * length;
+    hit.rawNormal = Vec3(packet.hit.Ng_x[i], packet.hit.Ng_y[i], packet.hit.Ng_z[i]);
+    hit.geometry = geometry;
+    hit.primitive = packet.hit.primID[i];
+    hit.u = packet.hit.u[i];
+    hit.v = packet.hit.v[i];
+    Random random(pixels[i], sampleIndex);
+    out[i] += scattered(scene, origin, toward * (1 / length), hit, random, maxDepth,
+                        sampledLights);
+  }
 }
 
 }  // namespace pathtracer

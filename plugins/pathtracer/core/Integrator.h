@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "CameraRays.h"
 #include "Math.h"
 #include "RenderScene.h"
 
@@ -14,42 +15,26 @@ namespace pathtracer {
 // reproducible whatever thread runs them.
 class Random {
  public:
-  Random() : state(0) {}
   Random(uint32_t pixel, uint32_t sample);
-  float next();  // [0, 1)
+  // [0, 1). A linear congruential step with a permuted output: cheap, and
+  // good enough for the few dimensions one path uses.
+  float next() {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    const uint32_t rotated = uint32_t(((state >> 18) ^ state) >> 27);
+    const uint32_t rotation = uint32_t(state >> 59);
+    const uint32_t bits = (rotated >> rotation) | (rotated << ((32 - rotation) & 31));
+    return float(bits >> 8) * (1.0f / 16777216.0f);
+  }
 
  private:
   uint64_t state;
 };
 
-struct CameraRay {
-  Vec3 origin, direction;  // direction unit length
-  float tnear = 0, tfar = 1e30f;
-};
-
-// The ray through image position (x, y) in pixels, (0, 0) the top left corner.
-CameraRay cameraRay(const RenderScene& scene, float x, float y);
-
-// What a ray met, kept raw: normals are only worked out for hits that are
-// shaded, so cheap passes skip them.
-struct Hit {
-  bool found = false;
-  float distance = 0;
-  Vec3 rawNormal;  // geometric, not unit length
-  unsigned geometry = 0, primitive = 0;
-  float u = 0, v = 0;
-};
-
-Hit intersect(const RenderScene& scene, const CameraRay& ray);
-
-// Up to kPacket camera rays traced together: coherent rays share the walk
-// down the acceleration structure.
-constexpr int kPacket = 16;
-void intersectPacket(const RenderScene& scene, const CameraRay* rays, int count, Hit* hits);
-
-// Radiance along a camera ray whose first hit is already known, for paths
-// of at most `maxDepth` segments.
-Vec3 radiance(const RenderScene& scene, const CameraRay& ray, const Hit& first, Random& random,
-              int maxDepth);
+// Radiance along the camera rays of a traced packet (see CameraRays), for
+// paths of at most `maxDepth` segments, into out[i] for each lane i switched
+// on in `valid`. Lane i's random numbers are seeded with pixels[i] and
+// `sampleIndex`, and only when its path goes on past the camera ray's hit.
+void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
+                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out);
 
 }  // namespace pathtracer

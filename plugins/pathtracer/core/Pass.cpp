@@ -17,6 +17,7 @@ struct PassWork {
   int sampleIndex;
   std::vector<float>& sums;
   const std::atomic<bool>& cancel;
+  CameraRays camera;
   int tilesX;
   int maxDepth;
   // The task library is not built with the thread sanitizer, so its own
@@ -30,33 +31,32 @@ void renderTiles(void* context, int begin, int end) {
   work.launched.load(std::memory_order_acquire);
   const RenderScene& scene = work.scene;
   const int width = scene.settings.width, height = scene.settings.height;
+  RTCIntersectContext intersectContext;
+  rtcInitIntersectContext(&intersectContext);
+  intersectContext.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  alignas(64) RTCRayHit16 packet;
+  alignas(64) int valid[kPacket];
+  uint32_t pixels[kPacket];
+  Vec3 radiances[kPacket];
   for (int tile = begin; tile != end; ++tile) {
     if (work.cancel.load(std::memory_order_relaxed)) break;
     const int x0 = (tile % work.tilesX) * kTile, y0 = (tile / work.tilesX) * kTile;
     const int x1 = std::min(x0 + kTile, width), y1 = std::min(y0 + kTile, height);
-    // 4x4 pixel blocks, one packet each.
-    for (int by = y0; by < y1; by += 4)
-      for (int bx = x0; bx < x1; bx += 4) {
-        CameraRay rays[kPacket];
-        Random randoms[kPacket];
-        int pixels[kPacket];
-        int count = 0;
-        for (int y = by; y < std::min(by + 4, y1); ++y)
-          for (int x = bx; x < std::min(bx + 4, x1); ++x) {
-            Random& random = randoms[count];
-            random = Random(uint32_t(y * width + x), uint32_t(work.sampleIndex));
-            rays[count] = cameraRay(scene, x + random.next(), y + random.next());
-            pixels[count++] = y * width + x;
-          }
-        Hit hits[kPacket];
-        intersectPacket(scene, rays, count, hits);
-        for (int i = 0; i < count; ++i) {
-          const Vec3 l = radiance(scene, rays[i], hits[i], randoms[i], work.maxDepth);
-          float* pixel = &work.sums[3 * size_t(pixels[i])];
+    for (int by = y0; by < y1; by += kPacketSide)
+      for (int bx = x0; bx < x1; bx += kPacketSide) {
+        work.camera.fill(bx, by, x1 - bx, y1 - by, packet, valid);
+        rtcIntersect16(valid, scene.geometry->scene, &intersectContext, &packet);
+        for (int i = 0; i < kPacket; ++i)
+          pixels[i] = uint32_t((by + i / kPacketSide) * width + bx + i % kPacketSide);
+        packetRadiance(scene, packet, valid, pixels, uint32_t(work.sampleIndex), work.maxDepth,
+                       radiances);
+        for (int i = 0; i < kPacket; ++i) {
+          if (!valid[i]) continue;
+          const Vec3& l = radiances[i];
           // A sample that went wrong numerically is dropped, not smeared.
-          if (std::isfinite(l.x) && std::isfinite(l.y) && std::isfinite(l.z)) {
-            pixel[0] += l.x; pixel[1] += l.y; pixel[2] += l.z;
-          }
+          if (!std::isfinite(l.x + l.y + l.z)) continue;
+          float* pixel = &work.sums[3 * size_t(pixels[i])];
+          pixel[0] += l.x; pixel[1] += l.y; pixel[2] += l.z;
         }
       }
   }
@@ -69,7 +69,7 @@ bool renderPass(const RenderScene& scene, int sampleIndex, std::vector<float>& s
                 tbb::task_arena& arena, const std::atomic<bool>& cancel, int maxDepth) {
   const int tilesX = (scene.settings.width + kTile - 1) / kTile;
   const int tilesY = (scene.settings.height + kTile - 1) / kTile;
-  PassWork work{scene, sampleIndex, sums, cancel, tilesX,
+  PassWork work{scene, sampleIndex, sums, cancel, CameraRays(scene, sampleIndex), tilesX,
                 maxDepth > 0 ? maxDepth : scene.settings.maxDepth};
   work.launched.store(1, std::memory_order_release);
   forEachRange(arena, tilesX * tilesY, &renderTiles, &work);
