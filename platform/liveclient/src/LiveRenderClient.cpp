@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "LiveRendering/LiveRenderProtocol.h"
+#include "SharedRegion.h"
 #include "ZmqLibrary.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 
@@ -42,7 +43,7 @@ void closeSocket(const ZmqLibrary& zmq, void*& socket) {
 
 }  // namespace
 
-LiveRenderClient::LiveRenderClient() = default;
+LiveRenderClient::LiveRenderClient() : region(new SharedRegion()) {}
 
 LiveRenderClient::~LiveRenderClient() {
   if (zmq == nullptr) return;  // no session was ever started
@@ -81,6 +82,7 @@ void LiveRenderClient::initializeSession(
   registration.opTreeFile = opTreeFile;
   registration.rendererName = rendererInfo.registeredName;
   registration.pid = static_cast<long>(::getpid());
+  registration.sharedRegions = true;
   if (const XoRendererInfoPluginSuite* info = rendererInfo.suite) {
     if (info->getRendererName != nullptr && info->getRendererName() != nullptr)
       registration.rendererName = info->getRendererName();
@@ -182,7 +184,11 @@ void LiveRenderClient::receive() {
           error = "a message of several frames";
         } else {
           ok = decodeControllerMessage(zmq->zmq_msg_data(&message), zmq->zmq_msg_size(&message),
-                                       sequenceText, decoded, error);
+                                       sequenceText, region->view(), decoded, error);
+          // The parsed update owns its bytes: the region's may be reused.
+          if (ok && decoded.shared) region->release(decoded.releaseMark);
+          if (ok && decoded.kind == kRegion)
+            ok = region->map(std::string(decoded.command, decoded.commandLength), error);
         }
         if (!ok) {
           if (channel().errorEnabled())
@@ -198,6 +204,8 @@ void LiveRenderClient::receive() {
           case kCommand:
             command.assign(decoded.command, decoded.commandLength);
             onCommand(command);
+            break;
+          case kRegion:
             break;
           default:
             if (channel().infoEnabled())

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -21,6 +22,7 @@ namespace Selvane {
 namespace LiveRendering {
 
 struct ZmqLibrary;
+class SharedRegion;
 
 class LiveRenderClient {
  public:
@@ -60,6 +62,7 @@ class LiveRenderClient {
   void* monitor = nullptr;  // PAIR receiving the socket's connection events
   void* stopSender = nullptr;  // PAIR: the destructor's word to the thread
   void* stopReceiver = nullptr;
+  std::unique_ptr<SharedRegion> region;  // the controller's, once announced; the thread's alone
   std::thread thread;
 };
 
