@@ -47,8 +47,8 @@ REGISTER, BYE = 0x01, 0x02
 REGISTERED, UPDATE, COMMAND, REGION, SHARED_UPDATE = 0x81, 0x82, 0x83, 0x84, 0x85
 
 REGION_HEADER = 64       # bytes before the payloads; the first 8 are the release mark
-REGION_SIZE = 64 << 20
-SHARED_FROM = 64 << 10   # updates from this size on go through the region
+REGION_SIZE = 16 << 20
+SHARED_FROM = 1 << 10    # updates from this size on go through the region
 
 
 class PayloadRing(object):

@@ -40,17 +40,18 @@ PayloadRing::~PayloadRing() {
   close(fd);
 }
 
-std::string PayloadRing::place(const char* data, size_t size) {
+bool PayloadRing::place(const char* data, size_t size, char* message) {
   uint64_t at = written % area;
   // An update never wraps: one that does not fit before the end starts over
   // at the beginning.
   const uint64_t skip = at + size > area ? area - at : 0;
   const uint64_t released = __atomic_load_n(reinterpret_cast<uint64_t*>(base), __ATOMIC_ACQUIRE);
-  if (size > area || written + skip + size - released > area) return std::string();
+  if (written + skip + size - released > area) return false;
   if (skip != 0) at = 0;
   std::memcpy(base + protocol::kRegionHeaderSize + at, data, size);
   written += skip + size;
-  return protocol::encodeSharedUpdate(protocol::kRegionHeaderSize + at, size, written);
+  protocol::encodeSharedUpdate(protocol::kRegionHeaderSize + at, size, written, message);
+  return true;
 }
 
 }  // namespace KindletControl

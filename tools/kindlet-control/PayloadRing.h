@@ -22,10 +22,13 @@ class PayloadRing {
 
   // The path the client opens the region by (this process's descriptor).
   const std::string& path() const { return path_; }
-  // Copies the `size` bytes of an update's body into the ring and returns
-  // the shared-update message naming them; empty when the ring has no room
-  // for them now (the caller sends the update whole instead).
-  std::string place(const char* data, size_t size);
+  // Copies the `size` bytes of an update's body into the ring and writes
+  // the shared-update message naming them to `message` (kSharedUpdateSize
+  // bytes); false when the ring has no room for them now (the caller sends
+  // the update whole instead).
+  bool place(const char* data, size_t size, char* message);
+  // Whether an update body of `size` bytes can ever be placed.
+  bool canHold(size_t size) const { return size <= area; }
 
  private:
   PayloadRing(int fd, void* base, size_t capacity);

@@ -17,10 +17,7 @@ namespace {
 
 // Below this ZeroMQ's own copy costs less than handing over a buffer.
 const size_t kZeroCopyFrom = 8 << 10;
-// Updates from this size on go through a client's shared region: below it
-// the socket's batching costs less than the copy into the region.
-const size_t kSharedFrom = 64 << 10;
-const size_t kRegionSize = size_t(64) << 20;
+const size_t kRegionSize = size_t(16) << 20;
 // How long poll() sleeps between attempts while a backlog waits: a routing
 // socket says only that some connection has room, not which.
 const int kBacklogRetryMs = 2;
@@ -41,8 +38,8 @@ std::string describe(const Session& session) {
 
 }  // namespace
 
-RegistryServer::RegistryServer(size_t backlogLimit)
-    : backlogLimit(backlogLimit), context(zmq_ctx_new()) {}
+RegistryServer::RegistryServer(size_t backlogLimit, size_t sharedFrom)
+    : backlogLimit(backlogLimit), sharedFrom(sharedFrom), context(zmq_ctx_new()) {}
 
 RegistryServer::~RegistryServer() {
   if (socket != nullptr) zmq_close(socket);
@@ -181,28 +178,44 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
   }
 }
 
-RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, const Message& message) {
+RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, const char* data,
+                                                size_t size, const Message* owner) {
   if (zmq_send(socket, identity.data(), identity.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0)
     return zmq_errno() == EAGAIN ? Outcome::Full : Outcome::Gone;  // EHOSTUNREACH: gone
   // The routing socket took the address, so the connection has room for the body.
-  if (message->size() < kZeroCopyFrom)
-    return zmq_send(socket, message->data(), message->size(), ZMQ_DONTWAIT) >= 0 ? Outcome::Sent
-                                                                                 : Outcome::Gone;
+  if (owner == nullptr || size < kZeroCopyFrom)
+    return zmq_send(socket, data, size, ZMQ_DONTWAIT) >= 0 ? Outcome::Sent : Outcome::Gone;
   zmq_msg_t body;
-  zmq_msg_init_data(&body, const_cast<char*>(message->data()), message->size(), releaseMessage,
-                    new Message(message));
+  zmq_msg_init_data(&body, const_cast<char*>(data), size, releaseMessage, new Message(*owner));
   if (zmq_msg_send(&body, socket, ZMQ_DONTWAIT) >= 0) return Outcome::Sent;
   zmq_msg_close(&body);
   return Outcome::Gone;
+}
+
+RegistryServer::Outcome RegistryServer::sendNow(Session& session, Message& message) {
+  const std::string& whole = *message;
+  const size_t body = whole.size() - protocol::kHeaderSize;
+  if (!session.ring || whole.size() < sharedFrom || whole[0] != char(protocol::kUpdate) ||
+      !claimsWhatItCarries(whole) || !session.ring->canHold(body))
+    return trySend(session.identity, whole.data(), whole.size(), &message);
+  char named[protocol::kSharedUpdateSize];
+  // No room yet: the update waits for the client to release some.
+  if (!session.ring->place(whole.data() + protocol::kHeaderSize, body, named)) return Outcome::Full;
+  const Outcome outcome = trySend(session.identity, named, sizeof named, nullptr);
+  if (outcome == Outcome::Full) message = std::make_shared<const std::string>(named, sizeof named);
+  return outcome;
 }
 
 void RegistryServer::flush() {
   for (size_t i = 0; i < table.size();) {
     Session& session = table[i];
     Outcome outcome = Outcome::Sent;
-    while (!session.backlog.empty() &&
-           (outcome = trySend(session.identity, session.backlog.front())) == Outcome::Sent) {
-      session.backlogBytes -= session.backlog.front()->size();
+    while (!session.backlog.empty()) {
+      Message& front = session.backlog.front();
+      const size_t before = front->size();
+      outcome = sendNow(session, front);
+      session.backlogBytes -= before - (outcome == Outcome::Sent ? 0 : front->size());
+      if (outcome != Outcome::Sent) break;
       session.backlog.pop_front();
     }
     if (outcome == Outcome::Gone) {
@@ -221,24 +234,18 @@ void RegistryServer::giveUp(size_t index, const std::string& why) {
   table.erase(table.begin() + static_cast<long>(index));
 }
 
-bool RegistryServer::sendTo(size_t index, const Message& whole) {
+bool RegistryServer::sendTo(size_t index, const Message& message) {
   Session& session = table[index];
-  Message message = whole;
-  if (session.ring && whole->size() >= kSharedFrom && (*whole)[0] == char(protocol::kUpdate) &&
-      claimsWhatItCarries(*whole)) {
-    std::string named = session.ring->place(whole->data() + protocol::kHeaderSize,
-                                            whole->size() - protocol::kHeaderSize);
-    if (!named.empty()) message = std::make_shared<const std::string>(std::move(named));
-  }
+  Message pending = message;
   // Behind a backlog a message waits its turn, so the stream stays ordered.
-  const Outcome outcome = session.backlog.empty() ? trySend(session.identity, message) : Outcome::Full;
+  const Outcome outcome = session.backlog.empty() ? sendNow(session, pending) : Outcome::Full;
   if (outcome == Outcome::Gone) {
     giveUp(index, "is gone");
     return false;
   }
   if (outcome == Outcome::Full) {
-    session.backlog.push_back(message);
-    session.backlogBytes += message->size();
+    session.backlog.push_back(pending);
+    session.backlogBytes += pending->size();
     if (session.backlogBytes > backlogLimit) {
       giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 20) +
                         " MiB wait for it; giving the session up");

@@ -40,7 +40,12 @@ class RegistryServer {
   // Bytes a session may fall behind before it is given up.
   static const size_t kDefaultBacklogLimit = size_t(256) << 20;
 
-  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit);
+  // Updates of `sharedFrom` bytes or more go through a client's region when
+  // it has one (SIZE_MAX: never). Below that the socket's batching of small
+  // messages costs less than the region's cache misses.
+  static const size_t kDefaultSharedFrom = 1 << 10;
+  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit,
+                          size_t sharedFrom = kDefaultSharedFrom);
   ~RegistryServer();
   RegistryServer(const RegistryServer&) = delete;
   RegistryServer& operator=(const RegistryServer&) = delete;
@@ -74,7 +79,13 @@ class RegistryServer {
  private:
   enum class Outcome { Sent, Full, Gone };
   void handle(const std::string& identity, const std::string& message);
-  Outcome trySend(const std::string& identity, const Message& message);
+  // Sends `message`, an update through the session's region when it should
+  // go there. Full when the region or the connection has no room now; then
+  // `message` is what to send later (once the update is in the region, the
+  // message naming it).
+  Outcome sendNow(Session& session, Message& message);
+  // Sends `size` bytes at `data`; without a copy when `owner` holds them.
+  Outcome trySend(const std::string& identity, const char* data, size_t size, const Message* owner);
   // Sends the backlogs' heads while the clients take them; gives up sessions
   // that are gone.
   void flush();
@@ -85,6 +96,7 @@ class RegistryServer {
   void giveUp(size_t index, const std::string& why);
 
   const size_t backlogLimit;
+  const size_t sharedFrom;
   void* context;
   void* socket = nullptr;
   std::vector<Session> table;

@@ -18,11 +18,14 @@ using Arbolite3::internal::XoAttribute::kTypeGroup;
 
 namespace {
 
+void writeLittleEndian(char* out, uint64_t value, int count) {
+  for (int i = 0; i < count; ++i, value >>= 8) out[i] = static_cast<char>(value & 0xff);
+}
+
 std::string withLength(MessageKind kind, const std::string& body) {
   std::string message(kHeaderSize, '\0');
   message[0] = static_cast<char>(kind);
-  uint32_t length = static_cast<uint32_t>(body.size());
-  for (int i = 1; i < 5; ++i, length >>= 8) message[i] = static_cast<char>(length & 0xff);
+  writeLittleEndian(&message[1], body.size(), 4);
   return message + body;
 }
 
@@ -36,9 +39,7 @@ uint32_t readLength(const unsigned char* bytes) {
   return static_cast<uint32_t>(readLittleEndian(bytes + 1, 4));
 }
 
-void appendLittleEndian(std::string& out, uint64_t value) {
-  for (int i = 0; i < 8; ++i, value >>= 8) out.push_back(static_cast<char>(value & 0xff));
-}
+
 
 // The update in `bytes`, checked and with this render's part folded in.
 bool decodeUpdate(const unsigned char* bytes, size_t length, const std::string& sequenceID,
@@ -146,12 +147,18 @@ std::string encodeRegistered() { return std::string(1, static_cast<char>(kRegist
 
 std::string encodeRegion(const std::string& path) { return withLength(kRegion, path); }
 
+void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out) {
+  out[0] = static_cast<char>(kSharedUpdate);
+  writeLittleEndian(out + 1, kSharedUpdateBodySize, 4);
+  writeLittleEndian(out + kHeaderSize, offset, 8);
+  writeLittleEndian(out + kHeaderSize + 8, size, 8);
+  writeLittleEndian(out + kHeaderSize + 16, releaseMark, 8);
+}
+
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark) {
-  std::string body;
-  appendLittleEndian(body, offset);
-  appendLittleEndian(body, size);
-  appendLittleEndian(body, releaseMark);
-  return withLength(kSharedUpdate, body);
+  std::string message(kSharedUpdateSize, '\0');
+  encodeSharedUpdate(offset, size, releaseMark, &message[0]);
+  return message;
 }
 
 bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,

@@ -28,16 +28,17 @@ enum MessageKind : uint8_t {
   kSharedUpdate = 0x85,  // body: u32 length (24), then u64 offset, u64 size, u64 release mark
 };
 
-// A large update can travel as a small kSharedUpdate message naming its bytes
+// Size of the kind byte and the length of an update or a command.
+const size_t kHeaderSize = 5;
+
+// An update can travel as a small kSharedUpdate message naming its bytes
 // in a region of shared memory that the controller announced with kRegion.
 // The region starts with this many bytes of header; its first 8 hold the
 // release mark of the last shared update the client is done with (written by
 // the client), which tells the controller what it may overwrite.
 const size_t kRegionHeaderSize = 64;
 const size_t kSharedUpdateBodySize = 24;
-
-// Size of the kind byte and the length of an update or a command.
-const size_t kHeaderSize = 5;
+const size_t kSharedUpdateSize = kHeaderSize + kSharedUpdateBodySize;
 
 struct Registration {
   std::string sessionName;
@@ -61,6 +62,8 @@ std::string encodeCommand(const std::string& text);
 std::string encodeRegistered();
 std::string encodeRegion(const std::string& path);
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark);
+// The same into `out`, which holds kSharedUpdateSize bytes (no allocation).
+void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out);
 
 // The bytes of a mapped region, for decoding shared updates.
 struct RegionView {
