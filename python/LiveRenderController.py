@@ -122,6 +122,8 @@ class Registry(object):
         self.ended = []  # sessions that said goodbye, oldest first
         self.givenUp = []  # sessions that were gone or stopped reading
         self.backlogLimit = backlogLimit
+        # Shared memory reaches only clients on this machine.
+        self._local = host.startswith("127.") or host == "localhost"
 
     def close(self, flushTimeout=2.0):
         """Gives the backlogs up to `flushTimeout` seconds to leave, then
@@ -275,7 +277,7 @@ class Registry(object):
             for old in [s for s in self.sessions if (s.pid, s.name) == (session.pid, session.name)]:
                 self._forget(old)
             self.sessions.append(session)
-            if self._sendTo(session, bytes([REGISTERED])) and session.sharedRegions:
+            if self._sendTo(session, bytes([REGISTERED])) and session.sharedRegions and self._local:
                 ring = PayloadRing()
                 path = ring.path.encode("utf-8")
                 if self._sendTo(session, struct.pack("<BI", REGION, len(path)) + path):
