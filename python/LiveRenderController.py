@@ -43,7 +43,7 @@ import zmq
 __all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND",
            "REGION", "SHARED_UPDATE"]
 
-REGISTER, BYE = 0x01, 0x02
+REGISTER, BYE, REGION_MAPPED = 0x01, 0x02, 0x03
 REGISTERED, UPDATE, COMMAND, REGION, SHARED_UPDATE = 0x81, 0x82, 0x83, 0x84, 0x85
 
 REGION_HEADER = 64       # bytes before the payloads; the first 8 are the release mark
@@ -100,6 +100,7 @@ class Session(object):
         self.backlogBytes = 0
         self.sharedRegions = registration.get("sharedRegions") is True
         self.ring = None
+        self.ringMapped = False  # the client said so: until then updates go whole
 
     def __repr__(self):
         return "Session(%r, sequenceID=%d, pid=%d)" % (self.name, self.sequenceID, self.pid)
@@ -213,7 +214,7 @@ class Registry(object):
         for session in list(self.sessions):
             if sequenceID is not None and session.sequenceID != sequenceID:
                 continue
-            named = session.ring.place(sharedBody) if session.ring and sharedBody else None
+            named = session.ring.place(sharedBody) if session.ringMapped and sharedBody else None
             if self._sendTo(session, named or message):
                 reached += 1
         return reached
@@ -284,6 +285,10 @@ class Registry(object):
                     session.ring = ring
                 else:
                     ring.close()
+        elif message[0] == REGION_MAPPED:
+            for session in self.sessions:
+                if session.identity == identity and session.ring:
+                    session.ringMapped = True
         elif message[0] == BYE:
             for session in self.sessions:
                 if session.identity == identity:

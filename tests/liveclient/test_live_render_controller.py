@@ -75,7 +75,11 @@ def test_one_update_reaches_each_render_with_its_own_part(tmp_path):
                         group(own=A.StringAttribute(sequenceID)))
         assert registry.sendUpdate(builder.build()) == 2
         assert registry.sendCommand("onlyTwo", sequenceID=2) == 1
-        # Large enough to go through each session's shared region.
+        # Large enough to go through the session's shared region, once mapped.
+        deadline = time.monotonic() + 30
+        while not all(s.ringMapped for s in sessions) and time.monotonic() < deadline:
+            registry.poll(0.05)
+        assert all(s.ringMapped for s in sessions)
         assert registry.sendUpdate(group(big=A.StringAttribute("x" * 70000)), sequenceID=1) == 1
         stopAll(registry, processes)
     finally:

@@ -157,7 +157,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
                                           old.registration.sessionName == registration.sessionName;
                                  }),
                   retired.end());
-    table.push_back({identity, registration, {}, 0, nullptr});
+    table.push_back({identity, registration, {}, 0, nullptr, false});
     std::unique_ptr<PayloadRing> ring;
     if (registration.sharedRegions && !(ring = PayloadRing::create(kRegionSize, error)))
       std::cerr << "kindlet-control: " << error << "; large updates go through the socket" << std::endl;
@@ -165,6 +165,9 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       return;
     if (ring && sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
       table.back().ring = std::move(ring);
+  } else if (kind == protocol::kRegionMapped) {
+    for (Session& session : table)
+      if (session.identity == identity && session.ring) session.ringMapped = true;
   } else if (kind == protocol::kBye) {
     for (auto it = table.begin(); it != table.end(); ++it) {
       if (it->identity != identity) continue;
@@ -195,7 +198,7 @@ RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, con
 RegistryServer::Outcome RegistryServer::sendNow(Session& session, Message& message) {
   const std::string& whole = *message;
   const size_t body = whole.size() - protocol::kHeaderSize;
-  if (!session.ring || whole.size() < sharedFrom || whole[0] != char(protocol::kUpdate) ||
+  if (!session.ringMapped || whole.size() < sharedFrom || whole[0] != char(protocol::kUpdate) ||
       !claimsWhatItCarries(whole) || !session.ring->canHold(body))
     return trySend(session.identity, whole.data(), whole.size(), &message);
   char named[protocol::kSharedUpdateSize];

@@ -33,6 +33,7 @@ struct Session {
   std::deque<Message> backlog;  // what the connection has not taken yet, oldest first
   size_t backlogBytes = 0;
   std::unique_ptr<PayloadRing> ring;  // for a client that can read large updates from it
+  bool ringMapped = false;            // the client said so: until then updates go whole
 };
 
 class RegistryServer {

@@ -200,8 +200,11 @@ void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
                                  sequenceText, region->view(), decoded, error);
     // The parsed update owns its bytes: the region's may be reused.
     if (ok && decoded.shared) region->release(decoded.releaseMark);
-    if (ok && decoded.kind == kRegion)
-      ok = region->map(std::string(decoded.command, decoded.commandLength), error);
+    if (ok && decoded.kind == kRegion &&
+        (ok = region->map(std::string(decoded.command, decoded.commandLength), error))) {
+      const char mapped = static_cast<char>(kRegionMapped);
+      zmq->zmq_send(socket, &mapped, 1, ZMQ_DONTWAIT);
+    }
   }
   if (!ok) {
     if (channel().errorEnabled())

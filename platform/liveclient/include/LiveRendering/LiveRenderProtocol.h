@@ -20,6 +20,7 @@ enum MessageKind : uint8_t {
   // client -> controller
   kRegister = 0x01,  // body: the registration as a UTF-8 JSON object
   kBye = 0x02,       // body: empty; the session ends
+  kRegionMapped = 0x03,  // body: empty; the last kRegion is mapped, shared updates may come
   // controller -> client
   kRegistered = 0x81,  // body: empty; the registration was accepted
   kUpdate = 0x82,      // body: u32 length, then that many bytes of binary attribute
