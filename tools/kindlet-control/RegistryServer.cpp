@@ -105,7 +105,9 @@ void RegistryServer::poll(int milliseconds) {
   if (socket == nullptr) return;
   flush();
   zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
-  const int wait = backlogged() ? std::min(milliseconds, kBacklogRetryMs) : milliseconds;
+  const int wait = !backlogged()      ? milliseconds
+                   : milliseconds < 0 ? kBacklogRetryMs
+                                      : std::min(milliseconds, kBacklogRetryMs);
   if (zmq_poll(&item, 1, wait) <= 0) {
     flush();
     return;
