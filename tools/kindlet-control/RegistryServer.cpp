@@ -21,6 +21,7 @@ const size_t kRegionSize = size_t(16) << 20;
 // How long poll() sleeps between attempts while a backlog waits: a routing
 // socket says only that some connection has room, not which.
 const int kBacklogRetryMs = 2;
+const std::chrono::microseconds kRegionRetry(100);
 
 // Bad bytes a script sends on purpose must reach the client as they are.
 bool claimsWhatItCarries(const std::string& message) {
@@ -104,11 +105,25 @@ bool RegistryServer::backlogged() const {
 void RegistryServer::poll(int milliseconds) {
   if (socket == nullptr) return;
   flush();
-  zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
-  const int wait = !backlogged()      ? milliseconds
-                   : milliseconds < 0 ? kBacklogRetryMs
-                                      : std::min(milliseconds, kBacklogRetryMs);
-  if (zmq_poll(&item, 1, wait) <= 0) {
+  // When every session waits for its connection, the socket's "room to
+  // send" is news for one of them and can be waited for; otherwise look again
+  // after a while.
+  const bool allWaitForRoom =
+      !table.empty() && std::all_of(table.begin(), table.end(), [](const Session& session) {
+        return !session.backlog.empty() && !session.waitsForRegion;
+      });
+  // Room in a region comes back as the client reads, with no event to
+  // wait for: look again soon.
+  const bool regionWait = std::any_of(table.begin(), table.end(), [](const Session& session) {
+    return !session.backlog.empty() && session.waitsForRegion;
+  });
+  zmq_pollitem_t item = {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0};
+  const int wait = !backlogged() || allWaitForRoom ? milliseconds
+                   : regionWait                    ? 0
+                   : milliseconds < 0              ? kBacklogRetryMs
+                                                   : std::min(milliseconds, kBacklogRetryMs);
+  if (zmq_poll(&item, 1, wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
+    if (regionWait && milliseconds != 0) std::this_thread::sleep_for(kRegionRetry);
     flush();
     return;
   }
@@ -159,7 +174,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
                                           old.registration.sessionName == registration.sessionName;
                                  }),
                   retired.end());
-    table.push_back({identity, registration, {}, 0, nullptr, false});
+    table.push_back({identity, registration, {}, 0, nullptr, false, false});
     std::unique_ptr<PayloadRing> ring;
     if (registration.sharedRegions && !(ring = PayloadRing::create(kRegionSize, error)))
       std::cerr << "kindlet-control: " << error << "; large updates go through the socket" << std::endl;
@@ -205,7 +220,8 @@ RegistryServer::Outcome RegistryServer::sendNow(Session& session, Message& messa
     return trySend(session.identity, whole.data(), whole.size(), &message);
   char named[protocol::kSharedUpdateSize];
   // No room yet: the update waits for the client to release some.
-  if (!session.ring->place(whole.data() + protocol::kHeaderSize, body, named)) return Outcome::Full;
+  session.waitsForRegion = !session.ring->place(whole.data() + protocol::kHeaderSize, body, named);
+  if (session.waitsForRegion) return Outcome::Full;
   const Outcome outcome = trySend(session.identity, named, sizeof named, nullptr);
   if (outcome == Outcome::Full) message = std::make_shared<const std::string>(named, sizeof named);
   return outcome;

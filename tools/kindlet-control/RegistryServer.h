@@ -34,6 +34,7 @@ struct Session {
   size_t backlogBytes = 0;
   std::unique_ptr<PayloadRing> ring;  // for a client that can read large updates from it
   bool ringMapped = false;            // the client said so: until then updates go whole
+  bool waitsForRegion = false;        // the backlog's head waits for room in the ring
 };
 
 class RegistryServer {
