@@ -151,8 +151,9 @@ class Registry(object):
         return True
 
     def poll(self, timeout=0):
-        """Handles registrations and goodbyes that arrive within `timeout`
-        seconds; returns the number handled."""
+        """Sends what the backlogs hold as far as the clients take it and
+        handles the clients' messages that arrive within `timeout` seconds;
+        returns the number handled."""
         handled = 0
         deadline = time.monotonic() + timeout
         while True:
