@@ -268,8 +268,8 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
     session.backlog.push_back(pending);
     session.backlogBytes += pending->size();
     if (session.backlogBytes > backlogLimit) {
-      giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 20) +
-                        " MiB wait for it; giving the session up");
+      giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 10) +
+                        " KiB wait for it; giving the session up");
       return false;
     }
   }
