@@ -12,10 +12,14 @@
 namespace live = Morrigo::Selvane::LiveRendering;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // A shared update may name any bytes of the input as its region; the first
+  // call has no region at all.
+  const live::RegionView regions[] = {{}, {data, size}};
   for (const char* sequenceID : {"0", "7"}) {
     live::ControllerMessage message;
     std::string error;
-    if (!live::decodeControllerMessage(data, size, sequenceID, message, error)) {
+    if (!live::decodeControllerMessage(data, size, sequenceID, regions[sequenceID[0] == '7'],
+                                       message, error)) {
       if (error.empty()) std::abort();  // every refusal says why
       continue;
     }
@@ -24,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           message.update.getChildByName(live::kPerRenderUpdateKey).isValid())
         std::abort();
       message.update.getXML();
-    } else if (message.kind == live::kCommand) {
+    } else if (message.kind == live::kCommand || message.kind == live::kRegion) {
       const char* begin = reinterpret_cast<const char*>(data);
       if (message.command < begin || message.command + message.commandLength > begin + size)
         std::abort();

@@ -21,19 +21,67 @@ One update serves several renders: give it a group child
 decimal sequence ID; each render sees the common update with its own part
 folded in. The wire protocol is docs/live-render-protocol.md.
 
+Sending never waits for a render: what a render's connection will not take
+yet waits in that session's backlog, in order, and goes out as the render
+reads, on every call of this class (poll, waitForSessions, flush, a send). A
+session whose backlog passes `backlogLimit` bytes has stopped reading: it is
+given up with a line on standard error and listed in `givenUp`.
+
 The class is not thread-safe: use one Registry from one thread.
 """
 
+import collections
 import json
+import mmap
+import os
 import struct
+import sys
 import time
 
 import zmq
 
-__all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND"]
+__all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND",
+           "REGION", "SHARED_UPDATE"]
 
-REGISTER, BYE = 0x01, 0x02
-REGISTERED, UPDATE, COMMAND = 0x81, 0x82, 0x83
+REGISTER, BYE, REGION_MAPPED = 0x01, 0x02, 0x03
+REGISTERED, UPDATE, COMMAND, REGION, SHARED_UPDATE = 0x81, 0x82, 0x83, 0x84, 0x85
+
+REGION_HEADER = 64       # bytes before the payloads; the first 8 are the release mark
+REGION_SIZE = 16 << 20
+SHARED_FROM = 1 << 10    # updates from this size on go through the region
+
+
+class PayloadRing(object):
+    """A region of shared memory (an anonymous memory file) that one
+    session's large updates are copied into; only a small message naming them
+    goes through the socket. Space comes back as the client releases it."""
+
+    def __init__(self, size=REGION_SIZE):
+        self._fd = os.memfd_create("kindlet-live-updates")
+        os.ftruncate(self._fd, size)
+        self._map = mmap.mmap(self._fd, size)
+        self._area = size - REGION_HEADER
+        self._written = 0
+        self.path = "/proc/%d/fd/%d" % (os.getpid(), self._fd)
+
+    def close(self):
+        self._map.close()
+        os.close(self._fd)
+
+    def place(self, body):
+        """The shared-update message for `body` copied into the ring, or None
+        when the ring has no room for it now."""
+        size = len(body)
+        at = self._written % self._area
+        skip = self._area - at if at + size > self._area else 0
+        (released,) = struct.unpack_from("<Q", self._map, 0)
+        if size > self._area or self._written + skip + size - released > self._area:
+            return None
+        if skip:
+            at = 0
+        self._map[REGION_HEADER + at:REGION_HEADER + at + size] = body
+        self._written += skip + size
+        return struct.pack("<BIQQQ", SHARED_UPDATE, 24, REGION_HEADER + at, size, self._written)
 
 
 class Session(object):
@@ -48,6 +96,11 @@ class Session(object):
         self.renderer = registration["renderer"]
         self.renderMethods = list(registration["renderMethods"])
         self.pid = registration["pid"]
+        self.backlog = collections.deque()  # messages not yet taken, oldest first
+        self.backlogBytes = 0
+        self.sharedRegions = registration.get("sharedRegions") is True
+        self.ring = None
+        self.ringMapped = False  # the client said so: until then updates go whole
 
     def __repr__(self):
         return "Session(%r, sequenceID=%d, pid=%d)" % (self.name, self.sequenceID, self.pid)
@@ -56,33 +109,65 @@ class Session(object):
 class Registry(object):
     """The service registry: one routing socket bound at host:port."""
 
-    def __init__(self, port=0, host="127.0.0.1"):
+    def __init__(self, port=0, host="127.0.0.1", backlogLimit=256 << 20):
         self._context = zmq.Context()
         self._socket = self._context.socket(zmq.ROUTER)
-        # A full queue makes a send wait instead of dropping the message, and
-        # a client that is gone is reported instead of ignored.
+        # A full connection refuses a message (which then waits in the
+        # session's backlog) instead of dropping it, and a client that is gone
+        # is reported instead of ignored.
         self._socket.setsockopt(zmq.ROUTER_MANDATORY, 1)
         self._socket.setsockopt(zmq.LINGER, 500)
         self._socket.bind("tcp://%s:%s" % (host, port or "*"))
         self.port = int(self._socket.getsockopt_string(zmq.LAST_ENDPOINT).rsplit(":", 1)[1])
         self.sessions = []
         self.ended = []  # sessions that said goodbye, oldest first
+        self.givenUp = []  # sessions that were gone or stopped reading
+        self.backlogLimit = backlogLimit
+        # Shared memory reaches only clients on this machine.
+        self._local = host.startswith("127.") or host == "localhost"
 
-    def close(self):
-        """Unbinds; the clients notice the outage and register again with
+    def close(self, flushTimeout=2.0):
+        """Gives the backlogs up to `flushTimeout` seconds to leave, then
+        unbinds; the clients notice the outage and register again with
         whichever registry comes back on the same port."""
+        if not self.flush(flushTimeout):
+            for session in self.sessions:
+                if session.backlog:
+                    sys.stderr.write("LiveRenderController: %r did not read its last %d messages "
+                                     "before the registry closed\n" % (session, len(session.backlog)))
+        for session in list(self.sessions):
+            self._forget(session)
         self._socket.close()
         self._context.term()
 
+    def flush(self, timeout=30.0):
+        """Waits until every backlog has left (True) or `timeout` seconds
+        have passed (False), serving registrations meanwhile."""
+        deadline = time.monotonic() + timeout
+        while any(s.backlog for s in self.sessions):
+            if time.monotonic() >= deadline:
+                return False
+            self.poll(0.002)
+        return True
+
     def poll(self, timeout=0):
-        """Handles registrations and goodbyes that arrive within `timeout`
-        seconds; returns the number handled."""
+        """Sends what the backlogs hold as far as the clients take it and
+        handles the clients' messages that arrive within `timeout` seconds;
+        returns the number handled."""
         handled = 0
         deadline = time.monotonic() + timeout
         while True:
+            self._flushBacklogs()
             remaining = max(0.0, deadline - time.monotonic())
+            if any(s.backlog for s in self.sessions):
+                # The routing socket says only that some connection has room,
+                # not which: look again soon.
+                remaining = min(remaining, 0.002)
             if not self._socket.poll(int(remaining * 1000)):
-                return handled
+                self._flushBacklogs()
+                if time.monotonic() >= deadline:
+                    return handled
+                continue
             frames = self._socket.recv_multipart()
             if len(frames) == 2 and frames[1]:
                 self._handle(frames[0], frames[1])
@@ -104,9 +189,11 @@ class Registry(object):
     def sendUpdate(self, update, sequenceID=None):
         """Sends an update: a group attribute (anything with getBinary()) or
         the bytes of one in the binary attribute form. Returns the sessions
-        reached."""
+        reached. A large one goes through the shared region of each session
+        that has one."""
         data = update.getBinary() if hasattr(update, "getBinary") else bytes(update)
-        return self.sendRaw(struct.pack("<BI", UPDATE, len(data)) + data, sequenceID)
+        return self._send(struct.pack("<BI", UPDATE, len(data)) + data, sequenceID,
+                          data if len(data) >= SHARED_FROM else None)
 
     def sendCommand(self, text, sequenceID=None):
         """Sends a control command; "stopLiveEditing" ends the live render."""
@@ -118,18 +205,68 @@ class Registry(object):
 
     def sendRaw(self, message, sequenceID=None):
         """Sends one message as it is to every session, or to those with this
-        sequence ID. A session whose client is gone is dropped."""
+        sequence ID, without waiting (see above). Returns the sessions it went
+        to or waits for."""
+        return self._send(message, sequenceID, None)
+
+    def _send(self, message, sequenceID, sharedBody):
         self.poll(0)
         reached = 0
         for session in list(self.sessions):
             if sequenceID is not None and session.sequenceID != sequenceID:
                 continue
-            try:
-                self._socket.send_multipart([session.identity, message])
+            named = session.ring.place(sharedBody) if session.ringMapped and sharedBody else None
+            if self._sendTo(session, named or message):
                 reached += 1
-            except zmq.ZMQError:
-                self.sessions.remove(session)
         return reached
+
+    def _trySend(self, session, message):
+        """True when sent, False when the connection is full; a session that
+        is gone is given up (then None)."""
+        try:
+            self._socket.send_multipart([session.identity, message], zmq.NOBLOCK, copy=False)
+            return True
+        except zmq.Again:
+            return False
+        except zmq.ZMQError:
+            self._giveUp(session, "is gone")
+            return None
+
+    def _sendTo(self, session, message):
+        # Behind a backlog a message waits its turn, so the stream stays ordered.
+        if not session.backlog:
+            sent = self._trySend(session, message)
+            if sent is None:
+                return False
+            if sent:
+                return True
+        session.backlog.append(message)
+        session.backlogBytes += len(message)
+        if session.backlogBytes > self.backlogLimit:
+            self._giveUp(session, "has stopped reading: more than %d bytes wait for it"
+                         % self.backlogLimit)
+            return False
+        return True
+
+    def _flushBacklogs(self):
+        for session in list(self.sessions):
+            while session.backlog:
+                sent = self._trySend(session, session.backlog[0])
+                if not sent:
+                    break
+                session.backlogBytes -= len(session.backlog.popleft())
+
+    def _giveUp(self, session, why):
+        sys.stderr.write("LiveRenderController: %r %s; giving the session up (%d messages to it "
+                         "not sent)\n" % (session, why, len(session.backlog)))
+        self._forget(session)
+        self.givenUp.append(session)
+
+    def _forget(self, session):
+        self.sessions.remove(session)
+        if session.ring:
+            session.ring.close()
+            session.ring = None
 
     def _handle(self, identity, message):
         if message[0] == REGISTER:
@@ -139,13 +276,23 @@ class Registry(object):
             except (ValueError, KeyError, TypeError):
                 return
             # A client that reconnected registers again under a new identity.
-            self.sessions = [s for s in self.sessions
-                             if (s.pid, s.name) != (session.pid, session.name)]
+            for old in [s for s in self.sessions if (s.pid, s.name) == (session.pid, session.name)]:
+                self._forget(old)
             self.sessions.append(session)
-            self._socket.send_multipart([identity, bytes([REGISTERED])])
+            if self._sendTo(session, bytes([REGISTERED])) and session.sharedRegions and self._local:
+                ring = PayloadRing()
+                path = ring.path.encode("utf-8")
+                if self._sendTo(session, struct.pack("<BI", REGION, len(path)) + path):
+                    session.ring = ring
+                else:
+                    ring.close()
+        elif message[0] == REGION_MAPPED:
+            for session in self.sessions:
+                if session.identity == identity and session.ring:
+                    session.ringMapped = True
         elif message[0] == BYE:
             for session in self.sessions:
                 if session.identity == identity:
-                    self.sessions.remove(session)
+                    self._forget(session)
                     self.ended.append(session)
                     break

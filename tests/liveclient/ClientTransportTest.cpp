@@ -52,8 +52,15 @@ class ClientTransport : public testing::Test {
 };
 
 TEST_F(ClientTransport, AStopAfterTenThousandUpdatesComesAfterEveryOne) {
+  // Every 2500th update is large enough to go through the shared region.
+  const std::string pad(70000, 'x');
+  auto details = [&](int i) {
+    return "{n=" + std::to_string(i) + (i % 2500 ? "" : ",pad=\"" + pad + "\"") + "}";
+  };
   std::string script;
-  for (int i = 0; i < 10000; ++i) script += "update {\"n\": " + std::to_string(i) + "}\n";
+  for (int i = 0; i < 10000; ++i)
+    script += "update {\"n\": " + std::to_string(i) +
+              (i % 2500 ? "" : ", \"pad\": \"" + pad + "\"") + "}\n";
   script += "stop\n";
   const RunResult result = control(script, {});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
@@ -62,9 +69,34 @@ TEST_F(ClientTransport, AStopAfterTenThousandUpdatesComesAfterEveryOne) {
   ASSERT_EQ(lines.size(), 4u + 10000u + 4u);
   for (int i = 0; i < 10000; ++i) {
     ASSERT_EQ(lines[4 + i].slot, "submitUpdate");
-    ASSERT_EQ(lines[4 + i].details, "{n=" + std::to_string(i) + "}");
+    ASSERT_EQ(lines[4 + i].details, details(i));
   }
   EXPECT_EQ(lines[10004].slot, "stopLiveEditing");
+}
+
+TEST_F(ClientTransport, TheRenderGoesOnThroughTheRegistrysOutagesAndRegistersAgain) {
+  const RunResult result = control(
+      "update {\"n\": 1}\n"
+      "reset-control\n"
+      "update {\"n\": 2}\n"
+      "close-data\n"
+      "sleep 2500\n"  // several reconnection attempts, each of which must stay quiet
+      "update {\"n\": 3}\n"
+      "stop\n",
+      {});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  auto count = [](const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count(result.err, "[ERROR LiveRendering] LiveRenderClient: lost the controller"), 2u)
+      << result.err;
+  EXPECT_EQ(count(result.out, "registered LiveRenderSession_1 "), 3u) << result.out;
+  std::vector<std::string> updates;
+  for (const auto& line : deliveries())
+    if (line.slot == "submitUpdate") updates.push_back(line.details);
+  EXPECT_EQ(updates, (std::vector<std::string>{"{n=1}", "{n=2}", "{n=3}"}));
 }
 
 TEST_F(ClientTransport, OneUpdateServesSeveralRendersEachWithItsOwnPart) {

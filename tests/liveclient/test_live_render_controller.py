@@ -1,11 +1,13 @@
 """LiveRenderController as a pipeline script uses it, against the installed
 kindlet with the recording renderer (KINDLET_TEST_ROOT names the root)."""
 
+import json
 import os
 import subprocess
 import time
 
 import pytest
+import zmq
 
 import ArboliteAPI as A
 import LiveRenderController as L
@@ -73,12 +75,18 @@ def test_one_update_reaches_each_render_with_its_own_part(tmp_path):
                         group(own=A.StringAttribute(sequenceID)))
         assert registry.sendUpdate(builder.build()) == 2
         assert registry.sendCommand("onlyTwo", sequenceID=2) == 1
+        # Large enough to go through the session's shared region, once mapped.
+        deadline = time.monotonic() + 30
+        while not all(s.ringMapped for s in sessions) and time.monotonic() < deadline:
+            registry.poll(0.05)
+        assert all(s.ringMapped for s in sessions)
+        assert registry.sendUpdate(group(big=A.StringAttribute("x" * 70000)), sequenceID=1) == 1
         stopAll(registry, processes)
     finally:
         for p in processes:
             p.kill()
         registry.close()
-    assert recorded(records[0], "submitUpdate") == ['{own="1",a=1}']
+    assert recorded(records[0], "submitUpdate") == ['{own="1",a=1}', '{big="%s"}' % ("x" * 70000)]
     assert recorded(records[1], "submitUpdate") == ['{own="2",a=1}']
     assert recorded(records[0], "handleControlCommand") == []
     assert recorded(records[1], "handleControlCommand") == ["onlyTwo"]
@@ -121,3 +129,39 @@ def test_bad_messages_are_dropped_and_the_session_goes_on(tmp_path):
         registry.close()
     assert "update claims 65535 bytes but carries 3." in errors
     assert recorded(record, "handleControlCommand") == ["still here"]
+
+
+def test_a_session_that_stops_reading_holds_up_nobody(capfd):
+    registry = L.Registry(backlogLimit=2 << 20)
+    context = zmq.Context()
+    clients = []
+    for pid, queue in ((1, 1000), (2, 1)):
+        client = context.socket(zmq.DEALER)
+        client.setsockopt(zmq.RCVHWM, queue)
+        client.setsockopt(zmq.LINGER, 0)
+        client.connect("tcp://127.0.0.1:%d" % registry.port)
+        client.send(bytes([L.REGISTER]) + json.dumps({
+            "session": "s", "sequenceID": 0, "opTreeFile": "", "renderer": "",
+            "renderMethods": [], "pid": pid}).encode())
+        clients.append(client)
+    try:
+        registry.waitForSessions(2)
+        assert clients[0].recv()[0] == L.REGISTERED
+        count, received = 6000, []
+        deadline = time.monotonic() + 30
+        for i in range(count):
+            registry.sendCommand(str(i).ljust(4000))
+            while clients[0].poll(0):
+                received.append(int(clients[0].recv()[5:]))
+        while len(received) < count and time.monotonic() < deadline:
+            registry.poll(0.01)
+            while clients[0].poll(0):
+                received.append(int(clients[0].recv()[5:]))
+        assert received == list(range(count))
+        assert [s.pid for s in registry.givenUp] == [2]
+        assert "pid=2) has stopped reading" in capfd.readouterr().err
+    finally:
+        for client in clients:
+            client.close()
+        context.term()
+        registry.close(0)

@@ -150,6 +150,39 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     }
   };
 
+  // close-* and reset-* take the registry away (one stream carries updates
+  // and commands, so the data and control variants are the same). It comes
+  // back on the same port at once after reset-*, or after close-* with the
+  // next line that sends or waits; the script goes on once every session
+  // has registered again.
+  bool down = false;
+  size_t expected = 0;
+  auto goAway = [&] {
+    expected = registry.sessions().size();
+    registry.close(2);
+    down = true;
+    std::cout << "service registry closed" << std::endl;
+  };
+  auto comeBack = [&](int lineNumber) {
+    if (!down) return true;
+    down = false;
+    unsigned short same = port;
+    if (!registry.bind(same, 5)) return false;
+    std::cout << "service registry port " << port << std::endl;
+    if (serveUntil(registry, options.connectTimeout,
+                   [&] { return registry.sessions().size() >= expected || renders.anyEnded(); }) &&
+        registry.sessions().size() >= expected)
+      return true;
+    std::cerr << "kindlet-control: line " << lineNumber << ": the sessions did not register again within "
+              << options.connectTimeout << " s" << std::endl;
+    return false;
+  };
+  auto givenUp = [&] {
+    renders.killAll();
+    renders.report();
+    return 3;
+  };
+
   std::string text;
   int lineNumber = 0;
   while (std::getline(script, text)) {
@@ -168,6 +201,9 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     const bool raw = line.find("raw-") != std::string::npos &&
                      line.find("raw-") == line.find_first_not_of(" \t");
     const long* to = addressed ? &target : nullptr;
+    const bool needsRegistry = step.kind == Step::SendData || step.kind == Step::SendControl ||
+                               step.kind == Step::Stop || step.kind == Step::Wait;
+    if (needsRegistry && !comeBack(lineNumber)) return givenUp();
     switch (step.kind) {
       case Step::None:
         break;
@@ -182,7 +218,7 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
                                                 step.milliseconds)] { return Clock::now() >= until; });
         break;
       case Step::Stop: {
-        const std::string stop = protocol::encodeCommand("stopLiveEditing");
+        const auto stop = std::make_shared<const std::string>(protocol::encodeCommand("stopLiveEditing"));
         // A stop that lands just before kindlet's render loop goes to sleep
         // wakes nobody; sending it again costs nothing.
         for (int attempt = 0; attempt < 10; ++attempt) {
@@ -195,13 +231,18 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
         waitForEnd();
         renders.report();
         break;
-      default:
-        std::cerr << "kindlet-control: line " << lineNumber
-                  << ": only the legacy TCP channels can be closed or reset; skipped"
-                  << std::endl;
+      case Step::CloseData:
+      case Step::CloseControl:
+        if (!down) goAway();
+        break;
+      case Step::ResetData:
+      case Step::ResetControl:
+        if (!down) goAway();
+        if (!comeBack(lineNumber)) return givenUp();
         break;
     }
   }
+  if (!comeBack(lineNumber)) return givenUp();
   if (!renders.any()) return 0;
   waitForEnd();
   return renders.report();

@@ -2,6 +2,7 @@
 
 #include <zmq.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <iostream>
@@ -12,23 +13,60 @@ namespace KindletControl {
 using Morrigo::Selvane::LiveRendering::Registration;
 namespace protocol = Morrigo::Selvane::LiveRendering;
 
-RegistryServer::RegistryServer() : context(zmq_ctx_new()), socket(zmq_socket(context, ZMQ_ROUTER)) {
-  const int one = 1, linger = 500;
-  // An unknown or vanished client is an error to report, not a silent drop;
-  // a full queue makes send() wait instead of dropping.
-  zmq_setsockopt(socket, ZMQ_ROUTER_MANDATORY, &one, sizeof one);
-  zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+namespace {
+
+// Below this ZeroMQ's own copy costs less than handing over a buffer.
+const size_t kZeroCopyFrom = 8 << 10;
+const size_t kRegionSize = size_t(16) << 20;
+// How long poll() sleeps between attempts while a backlog waits: a routing
+// socket says only that some connection has room, not which.
+const int kBacklogRetryMs = 2;
+const std::chrono::microseconds kRegionRetry(100);
+
+// Bad bytes a script sends on purpose must reach the client as they are.
+bool claimsWhatItCarries(const std::string& message) {
+  uint32_t length = 0;
+  for (int i = 4; i >= 1; --i) length = length << 8 | static_cast<unsigned char>(message[i]);
+  return length == message.size() - protocol::kHeaderSize;
 }
 
+void releaseMessage(void*, void* hint) { delete static_cast<Message*>(hint); }
+
+std::string describe(const Session& session) {
+  return "session " + session.registration.sessionName + " pid " +
+         std::to_string(session.registration.pid);
+}
+
+}  // namespace
+
+RegistryServer::RegistryServer(size_t backlogLimit, size_t sharedFrom)
+    : backlogLimit(backlogLimit), sharedFrom(sharedFrom), context(zmq_ctx_new()) {}
+
 RegistryServer::~RegistryServer() {
-  zmq_close(socket);
+  if (socket != nullptr) zmq_close(socket);
   zmq_ctx_term(context);
 }
 
-bool RegistryServer::bind(unsigned short& port) {
+bool RegistryServer::bind(unsigned short& port, double retrySeconds) {
+  if (socket == nullptr) {
+    socket = zmq_socket(context, ZMQ_ROUTER);
+    const int one = 1, linger = 500;
+    // An unknown or vanished client is an error to report, and a full
+    // connection refuses a message (which then waits in the backlog) instead
+    // of dropping it.
+    zmq_setsockopt(socket, ZMQ_ROUTER_MANDATORY, &one, sizeof one);
+    zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+  }
   const std::string endpoint =
       "tcp://127.0.0.1:" + (port == 0 ? std::string("*") : std::to_string(port));
-  if (zmq_bind(socket, endpoint.c_str()) != 0) {
+  // A port this registry served a moment ago is free only once ZeroMQ's own
+  // thread has closed the old listener.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(retrySeconds);
+  int rc;
+  while ((rc = zmq_bind(socket, endpoint.c_str())) != 0 && zmq_errno() == EADDRINUSE &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (rc != 0) {
     std::cerr << "kindlet-control: cannot serve the registry on 127.0.0.1:" << port << ": "
               << zmq_strerror(zmq_errno()) << std::endl;
     return false;
@@ -41,9 +79,54 @@ bool RegistryServer::bind(unsigned short& port) {
   return true;
 }
 
+void RegistryServer::close(double flushSeconds) {
+  if (socket == nullptr) return;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(flushSeconds);
+  while (backlogged() && std::chrono::steady_clock::now() < deadline) poll(kBacklogRetryMs);
+  for (const Session& session : table) {
+    if (session.backlog.empty()) continue;
+    std::cerr << "kindlet-control: " << describe(session) << " did not read its last "
+              << session.backlog.size() << " messages before the registry closed" << std::endl;
+  }
+  // A client may not have opened its region yet when the registry goes:
+  // the region lives on until that client registers again.
+  for (Session& session : table)
+    if (session.ring) retired.push_back({session.registration, std::move(session.ring)});
+  table.clear();
+  zmq_close(socket);
+  socket = nullptr;
+}
+
+bool RegistryServer::backlogged() const {
+  return std::any_of(table.begin(), table.end(),
+                     [](const Session& session) { return !session.backlog.empty(); });
+}
+
 void RegistryServer::poll(int milliseconds) {
-  zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
-  if (zmq_poll(&item, 1, milliseconds) <= 0) return;
+  if (socket == nullptr) return;
+  flush();
+  // When every session waits for its connection, the socket's "room to
+  // send" is news for one of them and can be waited for; otherwise look again
+  // after a while.
+  const bool allWaitForRoom =
+      !table.empty() && std::all_of(table.begin(), table.end(), [](const Session& session) {
+        return !session.backlog.empty() && !session.waitsForRegion;
+      });
+  // Room in a region comes back as the client reads, with no event to
+  // wait for: look again soon.
+  const bool regionWait = std::any_of(table.begin(), table.end(), [](const Session& session) {
+    return !session.backlog.empty() && session.waitsForRegion;
+  });
+  zmq_pollitem_t item = {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0};
+  const int wait = !backlogged() || allWaitForRoom ? milliseconds
+                   : regionWait                    ? 0
+                   : milliseconds < 0              ? kBacklogRetryMs
+                                                   : std::min(milliseconds, kBacklogRetryMs);
+  if (zmq_poll(&item, 1, wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
+    if (regionWait && milliseconds != 0) std::this_thread::sleep_for(kRegionRetry);
+    flush();
+    return;
+  }
   zmq_msg_t part;
   zmq_msg_init(&part);
   for (;;) {
@@ -61,6 +144,7 @@ void RegistryServer::poll(int milliseconds) {
     }
   }
   zmq_msg_close(&part);
+  flush();
 }
 
 void RegistryServer::handle(const std::string& identity, const std::string& message) {
@@ -72,22 +156,39 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       std::cerr << "kindlet-control: ignored a registration: " << error << std::endl;
       return;
     }
-    // A client that reconnects registers again under a new identity.
-    for (auto it = table.begin(); it != table.end();) {
-      const Registration& known = it->registration;
-      it = known.pid == registration.pid && known.sessionName == registration.sessionName
-               ? table.erase(it)
-               : it + 1;
+    // A client that reconnects registers again under a new identity; what
+    // its old connection still had to send can no longer reach it.
+    for (size_t i = table.size(); i-- > 0;) {
+      const Registration& known = table[i].registration;
+      if (known.pid != registration.pid || known.sessionName != registration.sessionName) continue;
+      if (!table[i].backlog.empty())
+        std::cerr << "kindlet-control: " << describe(table[i]) << " reconnected before reading its last "
+                  << table[i].backlog.size() << " messages" << std::endl;
+      table.erase(table.begin() + static_cast<long>(i));
     }
-    table.push_back({identity, registration});
-    sendTo(identity, protocol::encodeRegistered());
     std::cout << "registered " << registration.sessionName << " sequenceID "
               << registration.sequenceID << " pid " << registration.pid << std::endl;
+    retired.erase(std::remove_if(retired.begin(), retired.end(),
+                                 [&](const Retired& old) {
+                                   return old.registration.pid == registration.pid &&
+                                          old.registration.sessionName == registration.sessionName;
+                                 }),
+                  retired.end());
+    table.push_back({identity, registration, {}, 0, nullptr, false, false});
+    std::unique_ptr<PayloadRing> ring;
+    if (registration.sharedRegions && !(ring = PayloadRing::create(kRegionSize, error)))
+      std::cerr << "kindlet-control: " << error << "; large updates go through the socket" << std::endl;
+    if (!sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegistered())))
+      return;
+    if (ring && sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
+      table.back().ring = std::move(ring);
+  } else if (kind == protocol::kRegionMapped) {
+    for (Session& session : table)
+      if (session.identity == identity && session.ring) session.ringMapped = true;
   } else if (kind == protocol::kBye) {
     for (auto it = table.begin(); it != table.end(); ++it) {
       if (it->identity != identity) continue;
-      std::cout << "session " << it->registration.sessionName << " pid "
-                << it->registration.pid << " ended" << std::endl;
+      std::cout << describe(*it) << " ended" << std::endl;
       table.erase(it);
       break;
     }
@@ -97,27 +198,92 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
   }
 }
 
-bool RegistryServer::sendTo(const std::string& identity, const std::string& message) {
-  for (;;) {
-    if (zmq_send(socket, identity.data(), identity.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) >= 0)
-      return zmq_send(socket, message.data(), message.size(), 0) >= 0;
-    if (zmq_errno() != EAGAIN) return false;  // EHOSTUNREACH: the client is gone
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
+RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, const char* data,
+                                                size_t size, const Message* owner) {
+  if (zmq_send(socket, identity.data(), identity.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0)
+    return zmq_errno() == EAGAIN ? Outcome::Full : Outcome::Gone;  // EHOSTUNREACH: gone
+  // The routing socket took the address, so the connection has room for the body.
+  if (owner == nullptr || size < kZeroCopyFrom)
+    return zmq_send(socket, data, size, ZMQ_DONTWAIT) >= 0 ? Outcome::Sent : Outcome::Gone;
+  zmq_msg_t body;
+  zmq_msg_init_data(&body, const_cast<char*>(data), size, releaseMessage, new Message(*owner));
+  if (zmq_msg_send(&body, socket, ZMQ_DONTWAIT) >= 0) return Outcome::Sent;
+  zmq_msg_close(&body);
+  return Outcome::Gone;
+}
+
+RegistryServer::Outcome RegistryServer::sendNow(Session& session, Message& message) {
+  const std::string& whole = *message;
+  const size_t body = whole.size() - protocol::kHeaderSize;
+  if (!session.ringMapped || whole.size() < sharedFrom || whole[0] != char(protocol::kUpdate) ||
+      !claimsWhatItCarries(whole) || !session.ring->canHold(body))
+    return trySend(session.identity, whole.data(), whole.size(), &message);
+  char named[protocol::kSharedUpdateSize];
+  // No room yet: the update waits for the client to release some.
+  session.waitsForRegion = !session.ring->place(whole.data() + protocol::kHeaderSize, body, named);
+  if (session.waitsForRegion) return Outcome::Full;
+  const Outcome outcome = trySend(session.identity, named, sizeof named, nullptr);
+  if (outcome == Outcome::Full) message = std::make_shared<const std::string>(named, sizeof named);
+  return outcome;
+}
+
+void RegistryServer::flush() {
+  for (size_t i = 0; i < table.size();) {
+    Session& session = table[i];
+    Outcome outcome = Outcome::Sent;
+    while (!session.backlog.empty()) {
+      Message& front = session.backlog.front();
+      const size_t before = front->size();
+      outcome = sendNow(session, front);
+      session.backlogBytes -= before - (outcome == Outcome::Sent ? 0 : front->size());
+      if (outcome != Outcome::Sent) break;
+      session.backlog.pop_front();
+    }
+    if (outcome == Outcome::Gone) {
+      giveUp(i, "is gone");
+    } else {
+      ++i;
+    }
   }
 }
 
-size_t RegistryServer::send(const std::string& message, const long* target) {
+void RegistryServer::giveUp(size_t index, const std::string& why) {
+  std::cerr << "kindlet-control: " << describe(table[index]) << " " << why;
+  if (!table[index].backlog.empty())
+    std::cerr << " (" << table[index].backlog.size() << " messages to it not sent)";
+  std::cerr << std::endl;
+  table.erase(table.begin() + static_cast<long>(index));
+}
+
+bool RegistryServer::sendTo(size_t index, const Message& message) {
+  Session& session = table[index];
+  Message pending = message;
+  // Behind a backlog a message waits its turn, so the stream stays ordered.
+  const Outcome outcome = session.backlog.empty() ? sendNow(session, pending) : Outcome::Full;
+  if (outcome == Outcome::Gone) {
+    giveUp(index, "is gone");
+    return false;
+  }
+  if (outcome == Outcome::Full) {
+    session.backlog.push_back(pending);
+    session.backlogBytes += pending->size();
+    if (session.backlogBytes > backlogLimit) {
+      giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 10) +
+                        " KiB wait for it; giving the session up");
+      return false;
+    }
+  }
+  return true;
+}
+
+size_t RegistryServer::send(const Message& message, const long* target) {
   size_t reached = 0;
-  for (auto it = table.begin(); it != table.end();) {
-    if (target != nullptr && it->registration.sequenceID != *target) {
-      ++it;
-    } else if (sendTo(it->identity, message)) {
+  for (size_t i = 0; i < table.size();) {
+    if (target != nullptr && table[i].registration.sequenceID != *target) {
+      ++i;
+    } else if (sendTo(i, message)) {
       ++reached;
-      ++it;
-    } else {
-      std::cerr << "kindlet-control: session " << it->registration.sessionName << " pid "
-                << it->registration.pid << " is gone" << std::endl;
-      it = table.erase(it);
+      ++i;
     }
   }
   return reached;

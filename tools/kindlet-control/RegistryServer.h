@@ -1,49 +1,112 @@
 // The controlling side's service registry: one ZeroMQ routing socket that
 // live-render clients connect to, and the table of their sessions.
+//
+// Sending never waits for a client: what a client's connection will not take
+// yet waits in that session's own backlog, in order, and goes out as the
+// client reads (on each poll). A client that stops reading therefore holds up
+// nobody else; once its backlog passes the bound the session is given up with
+// one line on standard error, never dropped in silence.
+//
+// A client that can read updates from shared memory gets a region of its own
+// (PayloadRing.h): a large update is copied there and only a small message
+// naming it goes through the socket, in its place in the stream.
 #pragma once
 
+#include <cstddef>
+#include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "LiveRendering/LiveRenderProtocol.h"
+#include "PayloadRing.h"
 
 namespace KindletControl {
+
+// One message as it goes out: shared by every session it is sent to and by
+// ZeroMQ while the bytes are on their way, so a large update is never copied.
+using Message = std::shared_ptr<const std::string>;
 
 struct Session {
   std::string identity;  // the routing socket's name for the client's connection
   Morrigo::Selvane::LiveRendering::Registration registration;
+  std::deque<Message> backlog;  // what the connection has not taken yet, oldest first
+  size_t backlogBytes = 0;
+  std::unique_ptr<PayloadRing> ring;  // for a client that can read large updates from it
+  bool ringMapped = false;            // the client said so: until then updates go whole
+  bool waitsForRegion = false;        // the backlog's head waits for room in the ring
 };
 
 class RegistryServer {
  public:
-  RegistryServer();
+  // Bytes a session may fall behind before it is given up.
+  static const size_t kDefaultBacklogLimit = size_t(256) << 20;
+
+  // Updates of `sharedFrom` bytes or more go through a client's region when
+  // it has one (SIZE_MAX: never). Below that the socket's batching of small
+  // messages costs less than the region's cache misses.
+  static const size_t kDefaultSharedFrom = 1 << 10;
+  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit,
+                          size_t sharedFrom = kDefaultSharedFrom);
   ~RegistryServer();
   RegistryServer(const RegistryServer&) = delete;
   RegistryServer& operator=(const RegistryServer&) = delete;
 
-  // Binds 127.0.0.1:port (0: a free one, written back). False after a line on
-  // standard error.
-  bool bind(unsigned short& port);
+  // Binds 127.0.0.1:port (0: a free one, written back), trying again for
+  // `retrySeconds` while the port is in use. False after a line on standard
+  // error.
+  bool bind(unsigned short& port, double retrySeconds = 0);
+  // The registry goes away: what the sessions' backlogs still hold gets up
+  // to `flushSeconds` to leave (a line on standard error for what did not),
+  // the socket is closed and the sessions are forgotten. bind() brings it back.
+  void close(double flushSeconds);
 
-  // Handles what arrives within `milliseconds`: a registration is
-  // acknowledged and printed ("registered <session> sequenceID <n> pid <p>"),
-  // a goodbye removes its session ("session <session> pid <p> ended").
+  // Sends what the backlogs hold as far as the clients take it, then handles
+  // what arrives within `milliseconds`: a registration is acknowledged and
+  // printed ("registered <session> sequenceID <n> pid <p>"), a goodbye
+  // removes its session ("session <session> pid <p> ended").
   void poll(int milliseconds);
 
   const std::vector<Session>& sessions() const { return table; }
+  bool backlogged() const;
 
   // Sends one message to every session, or only to those with sequence ID
-  // `*target`. Waits while a client's queue is full rather than drop: the
-  // stream is ordered and lossless. Returns the number of sessions reached.
-  size_t send(const std::string& message, const long* target);
+  // `*target`, without waiting (see above). Returns the number of sessions
+  // it went to or waits for.
+  size_t send(const Message& message, const long* target);
+  size_t send(const std::string& message, const long* target) {
+    return send(std::make_shared<const std::string>(message), target);
+  }
 
  private:
+  enum class Outcome { Sent, Full, Gone };
   void handle(const std::string& identity, const std::string& message);
-  bool sendTo(const std::string& identity, const std::string& message);
+  // Sends `message`, an update through the session's region when it should
+  // go there. Full when the region or the connection has no room now; then
+  // `message` is what to send later (once the update is in the region, the
+  // message naming it).
+  Outcome sendNow(Session& session, Message& message);
+  // Sends `size` bytes at `data`; without a copy when `owner` holds them.
+  Outcome trySend(const std::string& identity, const char* data, size_t size, const Message* owner);
+  // Sends the backlogs' heads while the clients take them; gives up sessions
+  // that are gone.
+  void flush();
+  // Sends to table[index] or queues behind its backlog; false when the
+  // session was given up.
+  bool sendTo(size_t index, const Message& message);
+  // Removes table[index] after a line on standard error saying why.
+  void giveUp(size_t index, const std::string& why);
 
+  const size_t backlogLimit;
+  const size_t sharedFrom;
   void* context;
-  void* socket;
+  void* socket = nullptr;
   std::vector<Session> table;
+  struct Retired {
+    Morrigo::Selvane::LiveRendering::Registration registration;
+    std::unique_ptr<PayloadRing> ring;
+  };
+  std::vector<Retired> retired;  // regions of the sessions a close() forgot
 };
 
 }  // namespace KindletControl

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "LiveRendering/LiveRenderProtocol.h"
+#include "SharedRegion.h"
 #include "ZmqLibrary.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 
@@ -28,6 +29,8 @@ const int kHeartbeatIntervalMs = 1000;
 const int kHeartbeatTimeoutMs = 3000;
 const int kReconnectMaxMs = 1000;
 const int kLingerMs = 200;  // time the goodbye gets to leave at the end
+// A stream that pauses this long hands over to the poll of all three sockets.
+const int kStreamPauseMs = 2;
 
 std::string zmqError(const ZmqLibrary& zmq) { return zmq.zmq_strerror(zmq.zmq_errno()); }
 
@@ -42,11 +45,12 @@ void closeSocket(const ZmqLibrary& zmq, void*& socket) {
 
 }  // namespace
 
-LiveRenderClient::LiveRenderClient() = default;
+LiveRenderClient::LiveRenderClient() : region(new SharedRegion()) {}
 
 LiveRenderClient::~LiveRenderClient() {
   if (zmq == nullptr) return;  // no session was ever started
   if (thread.joinable()) {
+    stopping.store(true, std::memory_order_release);
     zmq->zmq_send(stopSender, "", 0, 0);
     thread.join();
   }
@@ -81,6 +85,7 @@ void LiveRenderClient::initializeSession(
   registration.opTreeFile = opTreeFile;
   registration.rendererName = rendererInfo.registeredName;
   registration.pid = static_cast<long>(::getpid());
+  registration.sharedRegions = true;
   if (const XoRendererInfoPluginSuite* info = rendererInfo.suite) {
     if (info->getRendererName != nullptr && info->getRendererName() != nullptr)
       registration.rendererName = info->getRendererName();
@@ -102,6 +107,7 @@ void LiveRenderClient::initializeSession(
   setOption(*zmq, socket, ZMQ_HEARTBEAT_IVL, kHeartbeatIntervalMs);
   setOption(*zmq, socket, ZMQ_HEARTBEAT_TIMEOUT, kHeartbeatTimeoutMs);
   setOption(*zmq, socket, ZMQ_RECONNECT_IVL_MAX, kReconnectMaxMs);
+  setOption(*zmq, socket, ZMQ_RCVTIMEO, kStreamPauseMs);
   // The thread learns of each connection and loss from the socket's own
   // events: one error line per outage, not one per reconnection attempt.
   char name[64];
@@ -134,84 +140,96 @@ void LiveRenderClient::receive() {
                              {monitor, 0, ZMQ_POLLIN, 0},
                              {stopReceiver, 0, ZMQ_POLLIN, 0}};
   for (;;) {
+    // While messages stream in, wait on the socket alone (bounded by its
+    // receive time-out): a poll of all three sockets costs two system calls
+    // and three queries per wake-up. Connection events and the stop are
+    // looked at once the stream pauses; the stop flag is checked every message.
+    while (!stopping.load(std::memory_order_acquire) &&
+           zmq->zmq_msg_recv(&message, socket, 0) >= 0)
+      deliver(message, command);
     if (zmq->zmq_poll(items, 3, -1) < 0) {
       if (zmq->zmq_errno() == EINTR) continue;
       break;
     }
     if (items[2].revents & ZMQ_POLLIN) break;
 
-    if (items[1].revents & ZMQ_POLLIN) {
-      // An event is two frames: 6 bytes (u16 event, u32 value), then the endpoint.
-      while (zmq->zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
-        uint16_t event = 0;
-        if (zmq->zmq_msg_size(&message) >= 2) {
-          const auto* bytes = static_cast<const unsigned char*>(zmq->zmq_msg_data(&message));
-          event = static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
-        }
-        while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, monitor, 0) >= 0) {
-        }
-        if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
-          if (lost && channel().infoEnabled())
-            channel().info("LiveRenderClient: the controller at " + endpoint +
-                               " is back; registering the session again.",
-                           kSource, __LINE__);
-          zmq->zmq_send(socket, registerMessage.data(), registerMessage.size(), ZMQ_DONTWAIT);
-          connected = true;
-          lost = false;
-        } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
-          connected = false;
-          lost = true;
-          if (channel().errorEnabled())
-            channel().error("LiveRenderClient: lost the controller at " + endpoint +
-                                "; the render goes on and the session registers again when "
-                                "the controller is back.",
-                            kSource, __LINE__);
-        }
+    // An event is two frames: 6 bytes (u16 event, u32 value), then the endpoint.
+    while ((items[1].revents & ZMQ_POLLIN) && zmq->zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
+      uint16_t event = 0;
+      if (zmq->zmq_msg_size(&message) >= 2) {
+        const auto* bytes = static_cast<const unsigned char*>(zmq->zmq_msg_data(&message));
+        event = static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
       }
-    }
-
-    if (items[0].revents & ZMQ_POLLIN) {
-      while (zmq->zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) {
-        std::string error;
-        ControllerMessage decoded;
-        bool ok;
-        if (zmq->zmq_msg_more(&message)) {
-          while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, socket, 0) >= 0) {
-          }
-          ok = false;
-          error = "a message of several frames";
-        } else {
-          ok = decodeControllerMessage(zmq->zmq_msg_data(&message), zmq->zmq_msg_size(&message),
-                                       sequenceText, decoded, error);
-        }
-        if (!ok) {
-          if (channel().errorEnabled())
-            channel().error("LiveRenderClient: dropped a message from the controller at " +
-                                endpoint + ": " + error + ".",
-                            kSource, __LINE__);
-          continue;
-        }
-        switch (decoded.kind) {
-          case kUpdate:
-            onUpdate(decoded.update);
-            break;
-          case kCommand:
-            command.assign(decoded.command, decoded.commandLength);
-            onCommand(command);
-            break;
-          default:
-            if (channel().infoEnabled())
-              channel().info("LiveRenderClient: session registered with the controller at " +
-                                 endpoint + ".",
-                             kSource, __LINE__);
-            break;
-        }
+      while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, monitor, 0) >= 0) {
+      }
+      if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+        if (lost && channel().infoEnabled())
+          channel().info("LiveRenderClient: the controller at " + endpoint +
+                             " is back; registering the session again.",
+                         kSource, __LINE__);
+        zmq->zmq_send(socket, registerMessage.data(), registerMessage.size(), ZMQ_DONTWAIT);
+        connected = true;
+        lost = false;
+      } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
+        connected = false;
+        lost = true;
+        if (channel().errorEnabled())
+          channel().error("LiveRenderClient: lost the controller at " + endpoint +
+                              "; the render goes on and the session registers again when "
+                              "the controller is back.",
+                          kSource, __LINE__);
       }
     }
   }
   zmq->zmq_msg_close(&message);
   const char bye = static_cast<char>(kBye);
   zmq->zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
+}
+
+void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
+  std::string error;
+  ControllerMessage decoded;
+  bool ok;
+  if (zmq->zmq_msg_more(&message)) {
+    while (zmq->zmq_msg_more(&message) && zmq->zmq_msg_recv(&message, socket, 0) >= 0) {
+    }
+    ok = false;
+    error = "a message of several frames";
+  } else {
+    ok = decodeControllerMessage(zmq->zmq_msg_data(&message), zmq->zmq_msg_size(&message),
+                                 sequenceText, region->view(), decoded, error);
+    // The parsed update owns its bytes: the region's may be reused.
+    if (ok && decoded.shared) region->release(decoded.releaseMark);
+    if (ok && decoded.kind == kRegion &&
+        (ok = region->map(std::string(decoded.command, decoded.commandLength), error))) {
+      const char mapped = static_cast<char>(kRegionMapped);
+      zmq->zmq_send(socket, &mapped, 1, ZMQ_DONTWAIT);
+    }
+  }
+  if (!ok) {
+    if (channel().errorEnabled())
+      channel().error("LiveRenderClient: dropped a message from the controller at " + endpoint +
+                          ": " + error + ".",
+                      kSource, __LINE__);
+    return;
+  }
+  switch (decoded.kind) {
+    case kUpdate:
+      onUpdate(decoded.update);
+      break;
+    case kCommand:
+      command.assign(decoded.command, decoded.commandLength);
+      onCommand(command);
+      break;
+    case kRegion:
+      break;
+    default:
+      if (channel().infoEnabled())
+        channel().info("LiveRenderClient: session registered with the controller at " + endpoint +
+                           ".",
+                       kSource, __LINE__);
+      break;
+  }
 }
 
 }  // namespace LiveRendering

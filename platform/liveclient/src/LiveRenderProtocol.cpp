@@ -18,17 +18,49 @@ using Arbolite3::internal::XoAttribute::kTypeGroup;
 
 namespace {
 
+void writeLittleEndian(char* out, uint64_t value, int count) {
+  for (int i = 0; i < count; ++i, value >>= 8) out[i] = static_cast<char>(value & 0xff);
+}
+
 std::string withLength(MessageKind kind, const std::string& body) {
   std::string message(kHeaderSize, '\0');
   message[0] = static_cast<char>(kind);
-  uint32_t length = static_cast<uint32_t>(body.size());
-  for (int i = 1; i < 5; ++i, length >>= 8) message[i] = static_cast<char>(length & 0xff);
+  writeLittleEndian(&message[1], body.size(), 4);
   return message + body;
 }
 
+uint64_t readLittleEndian(const unsigned char* bytes, int count) {
+  uint64_t value = 0;
+  for (int i = count; i-- > 0;) value = value << 8 | bytes[i];
+  return value;
+}
+
 uint32_t readLength(const unsigned char* bytes) {
-  return uint32_t(bytes[1]) | uint32_t(bytes[2]) << 8 | uint32_t(bytes[3]) << 16 |
-         uint32_t(bytes[4]) << 24;
+  return static_cast<uint32_t>(readLittleEndian(bytes + 1, 4));
+}
+
+
+
+// The update in `bytes`, checked and with this render's part folded in.
+bool decodeUpdate(const unsigned char* bytes, size_t length, const std::string& sequenceID,
+                  ControllerMessage& message, std::string& error) {
+  const Attribute parsed = Attribute::parseBinary(bytes, length);
+  if (!parsed.isValid()) {
+    error = "update is not a binary attribute";
+    return false;
+  }
+  if (parsed.getType() != kTypeGroup) {
+    error = "update is not a group attribute";
+    return false;
+  }
+  PerRenderPart part;
+  message.update = foldPerRenderUpdate(GroupAttribute(parsed), sequenceID, &part);
+  if (part == PerRenderPart::NotGroup) {
+    error = std::string("update's ") + kPerRenderUpdateKey + " is not a group";
+    return false;
+  }
+  message.kind = kUpdate;
+  return true;
 }
 
 }  // namespace
@@ -56,6 +88,8 @@ std::string encodeRegister(const Registration& registration) {
   writer.EndArray();
   writer.Key("pid");
   writer.Int64(registration.pid);
+  writer.Key("sharedRegions");
+  writer.Bool(registration.sharedRegions);
   writer.EndObject();
   return std::string(1, static_cast<char>(kRegister)) + buffer.GetString();
 }
@@ -98,6 +132,8 @@ bool decodeRegister(const void* data, size_t size, Registration& registration,
     if (method.IsString()) registration.renderMethods.emplace_back(method.GetString(), method.GetStringLength());
   }
   registration.pid = static_cast<long>(pid->GetInt64());
+  const rapidjson::Value* shared = member("sharedRegions");
+  registration.sharedRegions = shared != nullptr && shared->IsBool() && shared->GetBool();
   return true;
 }
 
@@ -109,8 +145,25 @@ std::string encodeCommand(const std::string& text) { return withLength(kCommand,
 
 std::string encodeRegistered() { return std::string(1, static_cast<char>(kRegistered)); }
 
+std::string encodeRegion(const std::string& path) { return withLength(kRegion, path); }
+
+void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out) {
+  out[0] = static_cast<char>(kSharedUpdate);
+  writeLittleEndian(out + 1, kSharedUpdateBodySize, 4);
+  writeLittleEndian(out + kHeaderSize, offset, 8);
+  writeLittleEndian(out + kHeaderSize + 8, size, 8);
+  writeLittleEndian(out + kHeaderSize + 16, releaseMark, 8);
+}
+
+std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark) {
+  std::string message(kSharedUpdateSize, '\0');
+  encodeSharedUpdate(offset, size, releaseMark, &message[0]);
+  return message;
+}
+
 bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,
-                             ControllerMessage& message, std::string& error) {
+                             const RegionView& region, ControllerMessage& message,
+                             std::string& error) {
   const unsigned char* bytes = static_cast<const unsigned char*>(data);
   if (size == 0) {
     error = "empty message";
@@ -121,45 +174,57 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     message.kind = kRegistered;
     return true;
   }
-  if (kind != kUpdate && kind != kCommand) {
+  static const char* const names[] = {"update", "command", "region", "shared update"};
+  if (kind < kUpdate || kind > kSharedUpdate) {
     char text[48];
     snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
     error = text;
     return false;
   }
-  const char* name = kind == kUpdate ? "update" : "command";
+  const std::string name = names[kind - kUpdate];
   if (size < kHeaderSize) {
-    error = std::string(name) + " shorter than its header";
+    error = name + " shorter than its header";
     return false;
   }
   const uint32_t length = readLength(bytes);
   if (length != size - kHeaderSize) {
-    error = std::string(name) + " claims " + std::to_string(length) + " bytes but carries " +
+    error = name + " claims " + std::to_string(length) + " bytes but carries " +
             std::to_string(size - kHeaderSize);
     return false;
   }
-  if (kind == kCommand) {
-    message.kind = kCommand;
-    message.command = reinterpret_cast<const char*>(bytes + kHeaderSize);
-    message.commandLength = length;
-    return true;
+  const unsigned char* body = bytes + kHeaderSize;
+  message.shared = false;
+  switch (kind) {
+    case kCommand:
+    case kRegion:
+      message.kind = static_cast<MessageKind>(kind);
+      message.command = reinterpret_cast<const char*>(body);
+      message.commandLength = length;
+      return true;
+    case kUpdate:
+      return decodeUpdate(body, length, sequenceID, message, error);
+    default:
+      break;
   }
-  const Attribute parsed = Attribute::parseBinary(bytes + kHeaderSize, length);
-  if (!parsed.isValid()) {
-    error = "update is not a binary attribute";
+  if (length != kSharedUpdateBodySize) {
+    error = "shared update of " + std::to_string(length) + " bytes instead of " +
+            std::to_string(kSharedUpdateBodySize);
     return false;
   }
-  if (parsed.getType() != kTypeGroup) {
-    error = "update is not a group attribute";
+  const uint64_t offset = readLittleEndian(body, 8);
+  const uint64_t count = readLittleEndian(body + 8, 8);
+  if (region.data == nullptr) {
+    error = "shared update without a region";
     return false;
   }
-  PerRenderPart part;
-  message.update = foldPerRenderUpdate(GroupAttribute(parsed), sequenceID, &part);
-  if (part == PerRenderPart::NotGroup) {
-    error = std::string("update's ") + kPerRenderUpdateKey + " is not a group";
+  if (offset < kRegionHeaderSize || offset > region.size || count > region.size - offset) {
+    error = "shared update names bytes " + std::to_string(offset) + " to " +
+            std::to_string(offset + count) + " of a region of " + std::to_string(region.size);
     return false;
   }
-  message.kind = kUpdate;
+  if (!decodeUpdate(region.data + offset, count, sequenceID, message, error)) return false;
+  message.shared = true;
+  message.releaseMark = readLittleEndian(body + 16, 8);
   return true;
 }
 

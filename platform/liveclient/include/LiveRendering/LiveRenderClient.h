@@ -7,8 +7,10 @@
 // keeps waiting for it and registers again when it is back.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -16,11 +18,14 @@
 #include "XoRendererPlugin/XoRendererPluginManager.h"
 #include "XoScenegraph/XoScenegraphIterator.h"
 
+struct zmq_msg_t;
+
 namespace Morrigo {
 namespace Selvane {
 namespace LiveRendering {
 
 struct ZmqLibrary;
+class SharedRegion;
 
 class LiveRenderClient {
  public:
@@ -47,6 +52,8 @@ class LiveRenderClient {
 
  private:
   void receive();
+  // Decodes one message and hands it to its callback, or logs why not.
+  void deliver(zmq_msg_t& message, std::string& command);
 
   std::string endpoint;
   std::string sequenceText;
@@ -60,6 +67,8 @@ class LiveRenderClient {
   void* monitor = nullptr;  // PAIR receiving the socket's connection events
   void* stopSender = nullptr;  // PAIR: the destructor's word to the thread
   void* stopReceiver = nullptr;
+  std::atomic<bool> stopping{false};  // set with the word, seen between messages
+  std::unique_ptr<SharedRegion> region;  // the controller's, once announced; the thread's alone
   std::thread thread;
 };
 

@@ -20,14 +20,26 @@ enum MessageKind : uint8_t {
   // client -> controller
   kRegister = 0x01,  // body: the registration as a UTF-8 JSON object
   kBye = 0x02,       // body: empty; the session ends
+  kRegionMapped = 0x03,  // body: empty; the last kRegion is mapped, shared updates may come
   // controller -> client
   kRegistered = 0x81,  // body: empty; the registration was accepted
   kUpdate = 0x82,      // body: u32 length, then that many bytes of binary attribute
   kCommand = 0x83,     // body: u32 length, then that many bytes of command text
+  kRegion = 0x84,      // body: u32 length, then the path of a shared payload region
+  kSharedUpdate = 0x85,  // body: u32 length (24), then u64 offset, u64 size, u64 release mark
 };
 
 // Size of the kind byte and the length of an update or a command.
 const size_t kHeaderSize = 5;
+
+// An update can travel as a small kSharedUpdate message naming its bytes
+// in a region of shared memory that the controller announced with kRegion.
+// The region starts with this many bytes of header; its first 8 hold the
+// release mark of the last shared update the client is done with (written by
+// the client), which tells the controller what it may overwrite.
+const size_t kRegionHeaderSize = 64;
+const size_t kSharedUpdateBodySize = 24;
+const size_t kSharedUpdateSize = kHeaderSize + kSharedUpdateBodySize;
 
 struct Registration {
   std::string sessionName;
@@ -36,6 +48,7 @@ struct Registration {
   std::string rendererName;
   std::vector<std::string> renderMethods;
   long pid = 0;
+  bool sharedRegions = false;  // the client can read updates from a kRegion
 };
 
 // The register message for `registration`.
@@ -48,22 +61,36 @@ bool decodeRegister(const void* data, size_t size, Registration& registration,
 std::string encodeUpdate(const std::string& binaryAttribute);
 std::string encodeCommand(const std::string& text);
 std::string encodeRegistered();
+std::string encodeRegion(const std::string& path);
+std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark);
+// The same into `out`, which holds kSharedUpdateSize bytes (no allocation).
+void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out);
+
+// The bytes of a mapped region, for decoding shared updates.
+struct RegionView {
+  const unsigned char* data = nullptr;
+  size_t size = 0;
+};
 
 // A message from the controller as the client acts on it. `command` points
 // into the decoded bytes and is valid as long as they are.
 struct ControllerMessage {
   MessageKind kind = kRegistered;
   Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
-  const char* command = nullptr;                            // for kCommand
+  const char* command = nullptr;  // for kCommand, and kRegion's path
   size_t commandLength = 0;
+  bool shared = false;        // for kUpdate: it came from the region;
+  uint64_t releaseMark = 0;   // store this in the region's header once parsed
 };
 
 // Decodes one message for the render `sequenceID`: an update comes out with
-// this render's part folded in (PerRenderUpdate.h). On bad bytes returns
-// false with a one-line reason; nothing is allocated for a length before it
-// is checked against the bytes that came.
+// this render's part folded in (PerRenderUpdate.h); a shared update is read
+// from `region` (empty when none is mapped) and comes out as kUpdate. On bad
+// bytes returns false with a one-line reason; nothing is allocated for a
+// length before it is checked against the bytes that came.
 bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,
-                             ControllerMessage& message, std::string& error);
+                             const RegionView& region, ControllerMessage& message,
+                             std::string& error);
 
 }  // namespace LiveRendering
 }  // namespace Selvane
