@@ -161,20 +161,36 @@ void BM_ClientToPlugin(benchmark::State& state) {
 // As a controller on another machine must: every update through the socket.
 void BM_ClientToPluginSocketOnly(benchmark::State& state) { clientToPlugin(state, SIZE_MAX); }
 
-// The same frames through a bare PUSH/PULL pair; the receiver only counts.
-// Each end has its own context (and so its own I/O thread), as the two ends
-// of a live render live in two processes.
-void BM_ZmqPushPull(benchmark::State& state) {
-  const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
+// A bare PUSH/PULL pair over loopback TCP, each end with its own context
+// (and so its own I/O thread), as the two ends of a live render live in two
+// processes.
+struct ZmqPair {
   void* pullContext = zmq_ctx_new();
   void* pushContext = zmq_ctx_new();
   void* pull = zmq_socket(pullContext, ZMQ_PULL);
   void* push = zmq_socket(pushContext, ZMQ_PUSH);
-  zmq_bind(pull, "tcp://127.0.0.1:*");
-  char endpoint[64];
-  size_t size = sizeof endpoint;
-  zmq_getsockopt(pull, ZMQ_LAST_ENDPOINT, endpoint, &size);
-  zmq_connect(push, endpoint);
+  ZmqPair() {
+    zmq_bind(pull, "tcp://127.0.0.1:*");
+    char endpoint[64];
+    size_t size = sizeof endpoint;
+    zmq_getsockopt(pull, ZMQ_LAST_ENDPOINT, endpoint, &size);
+    zmq_connect(push, endpoint);
+  }
+  // The receiving thread must have left its receive before this runs.
+  ~ZmqPair() {
+    zmq_close(push);
+    zmq_close(pull);
+    zmq_ctx_term(pushContext);
+    zmq_ctx_term(pullContext);
+  }
+};
+
+// The same frames through a bare PUSH/PULL pair; the receiver only counts.
+void BM_ZmqPushPull(benchmark::State& state) {
+  const std::string message = live::encodeUpdate(updateBytes(state.range(0)));
+  ZmqPair pair;
+  void* pull = pair.pull;
+  void* push = pair.push;
   std::atomic<uint64_t> received{0};
   std::atomic<bool> done{false};
   std::thread receiver([&] {
@@ -203,10 +219,6 @@ void BM_ZmqPushPull(benchmark::State& state) {
       [] {});
   done = true;
   receiver.join();
-  zmq_close(push);
-  zmq_close(pull);
-  zmq_ctx_term(pushContext);
-  zmq_ctx_term(pullContext);
 }
 
 // The floor: length-prefixed frames over a loopback TCP connection, read
@@ -294,20 +306,13 @@ void BM_UpdateLatency(benchmark::State& state) {
   measureLatency(state, [&] { rig.send(message); }, rig.plugin.submitted, rig.plugin.submitAt);
 }
 
-// Its floor: the same bytes, one at a time, through a bare PUSH/PULL pair
-// (a context per end), from zmq_send to the receiving thread's return from
+// Its floor: the same bytes, one at a time, through a bare pair, from zmq_send to the receiving thread's return from
 // its blocking receive.
 void BM_ZmqPairLatency(benchmark::State& state) {
   const std::string message = live::encodeUpdate(updateBytes(64));
-  void* pullContext = zmq_ctx_new();
-  void* pushContext = zmq_ctx_new();
-  void* pull = zmq_socket(pullContext, ZMQ_PULL);
-  void* push = zmq_socket(pushContext, ZMQ_PUSH);
-  zmq_bind(pull, "tcp://127.0.0.1:*");
-  char endpoint[64];
-  size_t size = sizeof endpoint;
-  zmq_getsockopt(pull, ZMQ_LAST_ENDPOINT, endpoint, &size);
-  zmq_connect(push, endpoint);
+  ZmqPair pair;
+  void* pull = pair.pull;
+  void* push = pair.push;
   std::atomic<uint64_t> received{0};
   std::atomic<int64_t> receivedAt{0};
   std::thread receiver([&] {
@@ -319,12 +324,8 @@ void BM_ZmqPairLatency(benchmark::State& state) {
   });
   measureLatency(state, [&] { zmq_send(push, message.data(), message.size(), 0); }, received,
                  receivedAt);
-  zmq_close(push);
-  zmq_ctx_term(pushContext);
-  zmq_ctx_shutdown(pullContext);  // ends the receiver's blocking receive
+  zmq_ctx_shutdown(pair.pullContext);  // ends the receiver's blocking receive
   receiver.join();
-  zmq_close(pull);
-  zmq_ctx_term(pullContext);
 }
 
 }  // namespace
