@@ -31,6 +31,7 @@ The class is not thread-safe: use one Registry from one thread.
 """
 
 import collections
+import fcntl
 import json
 import mmap
 import os
@@ -57,8 +58,12 @@ class PayloadRing(object):
     goes through the socket. Space comes back as the client releases it."""
 
     def __init__(self, size=REGION_SIZE):
-        self._fd = os.memfd_create("kindlet-live-updates")
+        self._fd = os.memfd_create("kindlet-live-updates",
+                                   os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
         os.ftruncate(self._fd, size)
+        # Clients refuse a region that could shrink under their mapping.
+        fcntl.fcntl(self._fd, fcntl.F_ADD_SEALS,
+                    fcntl.F_SEAL_SHRINK | fcntl.F_SEAL_GROW | fcntl.F_SEAL_SEAL)
         self._map = mmap.mmap(self._fd, size)
         self._area = size - REGION_HEADER
         self._written = 0

@@ -1,5 +1,6 @@
 // LiveRenderClient in-process against a bare routing socket standing in for
 // the controller: order, the per-render fold and bad bytes.
+#include <sys/mman.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
 #include <zmq.h>
@@ -175,6 +176,9 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
   const std::string carried = std::to_string(overclaim.size() - live::kHeaderSize);
   const std::string plainFile = logPath + ".region";
   std::ofstream(plainFile) << std::string(4096, '\0');
+  const int unsealed = memfd_create("unsealed", MFD_CLOEXEC);  // could shrink under a mapping
+  ASSERT_EQ(ftruncate(unsealed, 4096), 0);
+  const std::string unsealedFile = "/proc/self/fd/" + std::to_string(unsealed);
   const struct {
     std::string message, reason;
   } cases[] = {
@@ -187,7 +191,8 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
       {live::encodeUpdate(group(live::kPerRenderUpdateKey, IntAttribute(3))),
        "update's __perRenderUpdateAttributes is not a group"},
       {live::encodeSharedUpdate(64, 10, 1), "shared update without a region"},
-      {live::encodeRegion(plainFile), "the shared region " + plainFile + " is not an anonymous memory file"},
+      {live::encodeRegion(plainFile), "the shared region " + plainFile + " is not an anonymous memory file sealed against shrinking"},
+      {live::encodeRegion(unsealedFile), "the shared region " + unsealedFile + " is not an anonymous memory file sealed against shrinking"},
   };
   for (const auto& bad : cases) controller.send(bad.message);
   controller.send(live::encodeCommand("still here"));
@@ -197,6 +202,7 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
   ASSERT_EQ(lines.size(), before + std::size(cases));
   for (size_t i = 0; i < std::size(cases); ++i)
     EXPECT_NE(lines[before + i].find(": " + cases[i].reason + "."), std::string::npos) << lines[before + i];
+  close(unsealed);
 }
 
 TEST_F(LiveClient, NoRegistryToConnectToIsARendererPluginError) {

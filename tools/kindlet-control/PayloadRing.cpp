@@ -1,5 +1,6 @@
 #include "PayloadRing.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,8 +15,11 @@ namespace protocol = Morrigo::Selvane::LiveRendering;
 
 std::unique_ptr<PayloadRing> PayloadRing::create(size_t capacity, std::string& error) {
   // An anonymous memory file: gone with this process, whatever way it ends.
-  const int fd = memfd_create("kindlet-live-updates", MFD_CLOEXEC);
-  if (fd < 0 || ftruncate(fd, static_cast<off_t>(capacity)) != 0) {
+  // Its size is sealed, as clients refuse a region that could shrink under
+  // their mapping.
+  const int fd = memfd_create("kindlet-live-updates", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd < 0 || ftruncate(fd, static_cast<off_t>(capacity)) != 0 ||
+      fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
     error = std::string("cannot make a shared region: ") + std::strerror(errno);
     if (fd >= 0) close(fd);
     return nullptr;

@@ -25,8 +25,10 @@ bool SharedRegion::map(const std::string& path, std::string& error) {
   }
   struct stat status;
   void* mapped = MAP_FAILED;
-  if (::fcntl(fd, F_GET_SEALS) < 0 || ::fstat(fd, &status) != 0) {
-    error = "the shared region " + path + " is not an anonymous memory file";
+  // A region that could shrink would end a read past its new end with SIGBUS.
+  const int seals = ::fcntl(fd, F_GET_SEALS);
+  if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || ::fstat(fd, &status) != 0) {
+    error = "the shared region " + path + " is not an anonymous memory file sealed against shrinking";
   } else if (status.st_size < off_t(kRegionHeaderSize) || status.st_size > kLargestRegion) {
     error = "the shared region " + path + " has a size of " + std::to_string(status.st_size);
   } else {
