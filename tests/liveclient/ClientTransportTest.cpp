@@ -52,7 +52,7 @@ class ClientTransport : public testing::Test {
 };
 
 TEST_F(ClientTransport, AStopAfterTenThousandUpdatesComesAfterEveryOne) {
-  // Every 2500th update is large enough to go through the shared region.
+  // Every 2500th update is large enough to fill a good part of the ring.
   const std::string pad(70000, 'x');
   auto details = [&](int i) {
     return "{n=" + std::to_string(i) + (i % 2500 ? "" : ",pad=\"" + pad + "\"") + "}";

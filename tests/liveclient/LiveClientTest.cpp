@@ -1,5 +1,6 @@
 // LiveRenderClient in-process against a bare routing socket standing in for
 // the controller: order, the per-render fold and bad bytes.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
@@ -191,6 +192,7 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
       {live::encodeUpdate(group(live::kPerRenderUpdateKey, IntAttribute(3))),
        "update's __perRenderUpdateAttributes is not a group"},
       {live::encodeSharedUpdate(64, 10, 1), "shared update without a region"},
+      {live::encodeToRegion(0, "/proc/self/fd/0"), "a to-region message without a region"},
       {live::encodeRegion(plainFile), "the shared region " + plainFile + " is not an anonymous memory file sealed against shrinking"},
       {live::encodeRegion(unsealedFile), "the shared region " + unsealedFile + " is not an anonymous memory file sealed against shrinking"},
   };
@@ -203,6 +205,67 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
   for (size_t i = 0; i < std::size(cases); ++i)
     EXPECT_NE(lines[before + i].find(": " + cases[i].reason + "."), std::string::npos) << lines[before + i];
   close(unsealed);
+}
+
+TEST_F(LiveClient, BadRecordsInTheRegionGiveOneErrorLineEachAndTheStreamGoesOn) {
+  Controller controller(0);
+  Received received;
+  auto client = startClient(controller.port, received);
+  controller.receive();
+  const size_t before = errorLines().size();
+  // A region and a doorbell of the controller's own making.
+  const int region = memfd_create("region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  ASSERT_EQ(ftruncate(region, 4096), 0);
+  ASSERT_EQ(fcntl(region, F_ADD_SEALS, F_SEAL_SHRINK), 0);
+  auto* base = static_cast<unsigned char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, region, 0));
+  int doorbell[2];
+  ASSERT_EQ(pipe2(doorbell, O_CLOEXEC | O_NONBLOCK), 0);
+  controller.send(live::encodeRegion("/proc/self/fd/" + std::to_string(region)));
+  ASSERT_EQ(controller.receive(), std::string(1, char(live::kRegionMapped)));
+  const std::string plainFile = logPath + ".doorbell";
+  std::ofstream(plainFile) << "not a pipe";
+  controller.send(live::encodeToRegion(0, plainFile));
+  controller.send(live::encodeToRegion(0, "/proc/self/fd/" + std::to_string(doorbell[0])));
+  uint64_t written = 0;
+  auto publish = [&](const std::string& message, uint32_t claimed) {
+    unsigned char* at = base + live::kRegionHeaderSize + written;
+    const uint32_t header[2] = {claimed, 0};
+    memcpy(at, header, sizeof header);
+    memcpy(at + sizeof header, message.data(), message.size());
+    written += live::recordSpan(message.size());
+    __atomic_store_n(reinterpret_cast<uint64_t*>(base + live::kPublishedOffset), written, __ATOMIC_SEQ_CST);
+    const char ring = 1;
+    EXPECT_EQ(write(doorbell[1], &ring, 1), 1);
+    // A corrupt record makes the client skip all that is published: one at a time.
+    const auto* released = reinterpret_cast<const uint64_t*>(base + live::kReleaseMarkOffset);
+    for (int i = 0; i < 20000 && __atomic_load_n(released, __ATOMIC_ACQUIRE) != written; ++i)
+      usleep(1000);
+  };
+  publish(live::encodeRegistered(), 1);
+  publish(live::encodeCommand("lost"), 1000);
+  publish(live::encodeCommand("still here"), 15);
+  ASSERT_TRUE(received.waitFor(1));
+  controller.send(live::encodeToSocket());
+  publish(live::encodeCommand("and here"), 13);
+  ASSERT_TRUE(received.waitFor(2));
+  EXPECT_EQ(received.items, (std::vector<std::string>{"c still here", "c and here"}));
+  const std::string reasons[] = {
+      "the doorbell " + plainFile + " is not a pipe",
+      "a message of kind 0x81 in the region's stream",
+      "the region's record at position 16 claims 1000 bytes, more than it holds; skipped what "
+      "the controller had published",
+      "a to-socket message through the socket"};
+  // The socket's message may be read after the region's last record.
+  std::vector<std::string> lines = errorLines();
+  for (int i = 0; i < 2000 && lines.size() < before + std::size(reasons); ++i, lines = errorLines())
+    usleep(10000);
+  ASSERT_EQ(lines.size(), before + std::size(reasons));
+  for (size_t i = 0; i < std::size(reasons); ++i)
+    EXPECT_NE(lines[before + i].find(": " + reasons[i] + "."), std::string::npos) << lines[before + i];
+  munmap(base, 4096);
+  close(region);
+  close(doorbell[0]);
+  close(doorbell[1]);
 }
 
 TEST_F(LiveClient, NoRegistryToConnectToIsARendererPluginError) {

@@ -1,11 +1,15 @@
-// kindlet-control's registry with a client that reads and one that does not.
+// kindlet-control's registry with a client that reads and one that does not,
+// and with a live-render client reading its stream from the shared region.
 #include <gtest/gtest.h>
 #include <zmq.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
+#include "LiveRendering/LiveRenderClient.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "RegistryServer.h"
 
@@ -80,6 +84,57 @@ TEST(RegistryServer, AClientThatStopsReadingHoldsUpNobodyAndIsGivenUpPastItsBoun
   zmq_close(reader);
   zmq_close(stuck);
   zmq_ctx_term(context);
+}
+
+TEST(RegistryServer, TheStreamMovesIntoTheRegionAndOutAroundWhatIsTooLargeForIt) {
+  KindletControl::RegistryServer registry;
+  unsigned short port = 0;
+  ASSERT_TRUE(registry.bind(port));
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> received;  // "u <size>" or "c <text>"
+  auto add = [&](const std::string& item) {
+    std::lock_guard<std::mutex> lock(mutex);
+    received.push_back(item);
+    changed.notify_all();
+  };
+  using namespace Arbolite3::internal::XoAttribute;
+  live::LiveRenderClient client;
+  Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
+  client.initializeSession(
+      "LiveRenderSession_1", 1, "scene", Arbolite3::internal::XoScenegraphIterator(), info,
+      "127.0.0.1", port,
+      [&](const GroupAttribute& update) {
+        add("u " + std::to_string(StringAttribute(update.getChildByName("p")).getValue().size()));
+      },
+      [&](const std::string& text) { add("c " + text); });
+  auto update = [](size_t size) {
+    GroupBuilder builder;
+    builder.set("p", StringAttribute(std::string(size, 'x')));
+    return live::encodeUpdate(builder.build().getBinary());
+  };
+  // Before the region is mapped everything goes through the socket; then
+  // the ring (16 MiB) wraps several times, and a 9 MiB update, more than half
+  // of it, goes back through the socket in its place.
+  while (registry.sessions().empty()) registry.poll(10);
+  std::vector<std::string> expected;
+  for (size_t i = 0; i < 201; ++i) {
+    const size_t size = i % 50 == 49 ? (9u << 20) : i % 7 == 0 ? (1u << 20) + i : i;
+    registry.send(update(size), nullptr);
+    expected.push_back("u " + std::to_string(size));
+    if (i % 10 == 0) {
+      registry.send(live::encodeCommand(std::to_string(i)), nullptr);
+      expected.push_back("c " + std::to_string(i));
+    }
+    registry.poll(0);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (registry.backlogged() && std::chrono::steady_clock::now() < deadline) registry.poll(1);
+  std::unique_lock<std::mutex> lock(mutex);
+  changed.wait_until(lock, deadline, [&] { return received.size() >= expected.size(); });
+  EXPECT_EQ(received, expected);
+  ASSERT_EQ(registry.sessions().size(), 1u);
+  EXPECT_TRUE(registry.sessions()[0].inRegion);
 }
 
 }  // namespace

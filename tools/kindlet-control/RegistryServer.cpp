@@ -1,5 +1,6 @@
 #include "RegistryServer.h"
 
+#include <signal.h>
 #include <zmq.h>
 
 #include <algorithm>
@@ -23,12 +24,9 @@ const size_t kRegionSize = size_t(16) << 20;
 const int kBacklogRetryMs = 2;
 const std::chrono::microseconds kRegionRetry(100);
 
-// Bad bytes a script sends on purpose must reach the client as they are.
-bool claimsWhatItCarries(const std::string& message) {
-  uint32_t length = 0;
-  for (int i = 4; i >= 1; --i) length = length << 8 | static_cast<unsigned char>(message[i]);
-  return length == message.size() - protocol::kHeaderSize;
-}
+// A client reading from its region has mapped this process's memory, so it
+// runs on this machine, under the pid it registered with.
+bool processGone(long pid) { return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH; }
 
 void releaseMessage(void*, void* hint) { delete static_cast<Message*>(hint); }
 
@@ -39,8 +37,10 @@ std::string describe(const Session& session) {
 
 }  // namespace
 
-RegistryServer::RegistryServer(size_t backlogLimit, size_t sharedFrom)
-    : backlogLimit(backlogLimit), sharedFrom(sharedFrom), context(zmq_ctx_new()) {}
+RegistryServer::RegistryServer(size_t backlogLimit, bool streamInRegion)
+    : backlogLimit(backlogLimit),
+      streamInRegion(streamInRegion),
+      context(zmq_ctx_new()) {}
 
 RegistryServer::~RegistryServer() {
   if (socket != nullptr) zmq_close(socket);
@@ -174,9 +174,9 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
                                           old.registration.sessionName == registration.sessionName;
                                  }),
                   retired.end());
-    table.push_back({identity, registration, {}, 0, nullptr, false, false});
-    std::unique_ptr<PayloadRing> ring;
-    if (registration.sharedRegions && !(ring = PayloadRing::create(kRegionSize, error)))
+    table.push_back({identity, registration, {}, 0, nullptr, false, false, false});
+    std::unique_ptr<StreamRing> ring;
+    if (registration.sharedRegions && !(ring = StreamRing::create(kRegionSize, error)))
       std::cerr << "kindlet-control: " << error << "; large updates go through the socket" << std::endl;
     if (!sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegistered())))
       return;
@@ -212,19 +212,32 @@ RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, con
   return Outcome::Gone;
 }
 
-RegistryServer::Outcome RegistryServer::sendNow(Session& session, Message& message) {
+RegistryServer::Outcome RegistryServer::sendNow(Session& session, const Message& message) {
   const std::string& whole = *message;
-  const size_t body = whole.size() - protocol::kHeaderSize;
-  if (!session.ringMapped || whole.size() < sharedFrom || whole[0] != char(protocol::kUpdate) ||
-      !claimsWhatItCarries(whole) || !session.ring->canHold(body))
+  StreamRing* ring = session.ring.get();
+  if (session.inRegion) {
+    session.waitsForRegion = true;  // until the record is in
+    if (ring->canHoldRecord(whole.size())) {
+      if (!ring->append(whole.data(), whole.size())) return Outcome::Full;
+      session.waitsForRegion = false;
+      return Outcome::Sent;
+    }
+    const std::string back = protocol::encodeToSocket();
+    if (!ring->append(back.data(), back.size())) return Outcome::Full;
+    session.waitsForRegion = false;
+    session.inRegion = false;
     return trySend(session.identity, whole.data(), whole.size(), &message);
-  char named[protocol::kSharedUpdateSize];
-  // No room yet: the update waits for the client to release some.
-  session.waitsForRegion = !session.ring->place(whole.data() + protocol::kHeaderSize, body, named);
-  if (session.waitsForRegion) return Outcome::Full;
-  const Outcome outcome = trySend(session.identity, named, sizeof named, nullptr);
-  if (outcome == Outcome::Full) message = std::make_shared<const std::string>(named, sizeof named);
-  return outcome;
+  }
+  if (streamInRegion && session.ringMapped && ring->canHoldRecord(whole.size())) {
+    // What went through the socket so far comes first: the client opens the
+    // ring only on this message.
+    const std::string move = protocol::encodeToRegion(ring->streamStart(), ring->doorbellPath());
+    const Outcome outcome = trySend(session.identity, move.data(), move.size(), nullptr);
+    if (outcome != Outcome::Sent) return outcome;
+    session.inRegion = true;
+    return sendNow(session, message);
+  }
+  return trySend(session.identity, whole.data(), whole.size(), &message);
 }
 
 void RegistryServer::flush() {
@@ -232,14 +245,14 @@ void RegistryServer::flush() {
     Session& session = table[i];
     Outcome outcome = Outcome::Sent;
     while (!session.backlog.empty()) {
-      Message& front = session.backlog.front();
-      const size_t before = front->size();
-      outcome = sendNow(session, front);
-      session.backlogBytes -= before - (outcome == Outcome::Sent ? 0 : front->size());
+      outcome = sendNow(session, session.backlog.front());
       if (outcome != Outcome::Sent) break;
+      session.backlogBytes -= session.backlog.front()->size();
       session.backlog.pop_front();
     }
-    if (outcome == Outcome::Gone) {
+    // Records in a region reach a client whether it lives or not: ask the
+    // system instead of the socket.
+    if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid))) {
       giveUp(i, "is gone");
     } else {
       ++i;
@@ -257,16 +270,15 @@ void RegistryServer::giveUp(size_t index, const std::string& why) {
 
 bool RegistryServer::sendTo(size_t index, const Message& message) {
   Session& session = table[index];
-  Message pending = message;
   // Behind a backlog a message waits its turn, so the stream stays ordered.
-  const Outcome outcome = session.backlog.empty() ? sendNow(session, pending) : Outcome::Full;
+  const Outcome outcome = session.backlog.empty() ? sendNow(session, message) : Outcome::Full;
   if (outcome == Outcome::Gone) {
     giveUp(index, "is gone");
     return false;
   }
   if (outcome == Outcome::Full) {
-    session.backlog.push_back(pending);
-    session.backlogBytes += pending->size();
+    session.backlog.push_back(message);
+    session.backlogBytes += message->size();
     if (session.backlogBytes > backlogLimit) {
       giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 10) +
                         " KiB wait for it; giving the session up");

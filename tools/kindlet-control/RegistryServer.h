@@ -8,8 +8,11 @@
 // one line on standard error, never dropped in silence.
 //
 // A client that can read updates from shared memory gets a region of its own
-// (PayloadRing.h): a large update is copied there and only a small message
-// naming it goes through the socket, in its place in the stream.
+// (StreamRing.h). Once the client has mapped it, the session's whole stream
+// moves there: each message is a record the client reads without a socket or
+// ZeroMQ's threads in between, woken by a pipe only when it sleeps. A
+// message too large for the ring goes back through the socket, the stream
+// returning to the region after it.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +22,7 @@
 #include <vector>
 
 #include "LiveRendering/LiveRenderProtocol.h"
-#include "PayloadRing.h"
+#include "StreamRing.h"
 
 namespace KindletControl {
 
@@ -32,8 +35,9 @@ struct Session {
   Morrigo::Selvane::LiveRendering::Registration registration;
   std::deque<Message> backlog;  // what the connection has not taken yet, oldest first
   size_t backlogBytes = 0;
-  std::unique_ptr<PayloadRing> ring;  // for a client that can read large updates from it
-  bool ringMapped = false;            // the client said so: until then updates go whole
+  std::unique_ptr<StreamRing> ring;  // for a client that can read its stream from it
+  bool ringMapped = false;            // the client said so: until then all goes through the socket
+  bool inRegion = false;              // messages go as records in the ring
   bool waitsForRegion = false;        // the backlog's head waits for room in the ring
 };
 
@@ -41,13 +45,9 @@ class RegistryServer {
  public:
   // Bytes a session may fall behind before it is given up.
   static const size_t kDefaultBacklogLimit = size_t(256) << 20;
-
-  // Updates of `sharedFrom` bytes or more go through a client's region when
-  // it has one (SIZE_MAX: never). Below that the socket's batching of small
-  // messages costs less than the region's cache misses.
-  static const size_t kDefaultSharedFrom = 1 << 10;
-  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit,
-                          size_t sharedFrom = kDefaultSharedFrom);
+  // `streamInRegion`: move a session's stream into its region once mapped
+  // (false: everything through the socket, as to a client elsewhere).
+  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit, bool streamInRegion = true);
   ~RegistryServer();
   RegistryServer(const RegistryServer&) = delete;
   RegistryServer& operator=(const RegistryServer&) = delete;
@@ -81,11 +81,9 @@ class RegistryServer {
  private:
   enum class Outcome { Sent, Full, Gone };
   void handle(const std::string& identity, const std::string& message);
-  // Sends `message`, an update through the session's region when it should
-  // go there. Full when the region or the connection has no room now; then
-  // `message` is what to send later (once the update is in the region, the
-  // message naming it).
-  Outcome sendNow(Session& session, Message& message);
+  // Sends `message`, through the session's region when its stream is there.
+  // Full when the region or the connection has no room now.
+  Outcome sendNow(Session& session, const Message& message);
   // Sends `size` bytes at `data`; without a copy when `owner` holds them.
   Outcome trySend(const std::string& identity, const char* data, size_t size, const Message* owner);
   // Sends the backlogs' heads while the clients take them; gives up sessions
@@ -98,13 +96,13 @@ class RegistryServer {
   void giveUp(size_t index, const std::string& why);
 
   const size_t backlogLimit;
-  const size_t sharedFrom;
+  const bool streamInRegion;
   void* context;
   void* socket = nullptr;
   std::vector<Session> table;
   struct Retired {
     Morrigo::Selvane::LiveRendering::Registration registration;
-    std::unique_ptr<PayloadRing> ring;
+    std::unique_ptr<StreamRing> ring;
   };
   std::vector<Retired> retired;  // regions of the sessions a close() forgot
 };

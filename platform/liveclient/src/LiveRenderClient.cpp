@@ -136,18 +136,29 @@ void LiveRenderClient::receive() {
   std::string command;  // reused: a command costs no allocation once it has grown
   zmq_msg_t message;
   zmq->zmq_msg_init(&message);
-  zmq_pollitem_t items[3] = {{socket, 0, ZMQ_POLLIN, 0},
+  zmq_pollitem_t items[4] = {{socket, 0, ZMQ_POLLIN, 0},
                              {monitor, 0, ZMQ_POLLIN, 0},
-                             {stopReceiver, 0, ZMQ_POLLIN, 0}};
+                             {stopReceiver, 0, ZMQ_POLLIN, 0},
+                             {nullptr, -1, ZMQ_POLLIN, 0}};
   for (;;) {
-    // While messages stream in, wait on the socket alone (bounded by its
-    // receive time-out): a poll of all three sockets costs two system calls
-    // and three queries per wake-up. Connection events and the stop are
-    // looked at once the stream pauses; the stop flag is checked every message.
-    while (!stopping.load(std::memory_order_acquire) &&
-           zmq->zmq_msg_recv(&message, socket, 0) >= 0)
-      deliver(message, command);
-    if (zmq->zmq_poll(items, 3, -1) < 0) {
+    if (region->streamOpen()) {
+      readStream(command);
+    } else {
+      // While messages stream in, wait on the socket alone (bounded by its
+      // receive time-out): a poll of all three sockets costs two system calls
+      // and three queries per wake-up. Connection events and the stop are
+      // looked at once the stream pauses; the stop flag is checked every message.
+      while (!stopping.load(std::memory_order_acquire) && !region->streamOpen() &&
+             zmq->zmq_msg_recv(&message, socket, 0) >= 0)
+        deliver(message, command);
+      if (region->streamOpen()) continue;
+    }
+    const bool onDoorbell = region->streamOpen();
+    if (onDoorbell && !region->sleep()) continue;
+    items[3].fd = onDoorbell ? region->doorbellFd() : -1;
+    const int polled = zmq->zmq_poll(items, onDoorbell ? 4 : 3, -1);
+    if (onDoorbell) region->woke();
+    if (polled < 0) {
       if (zmq->zmq_errno() == EINTR) continue;
       break;
     }
@@ -180,10 +191,52 @@ void LiveRenderClient::receive() {
                           kSource, __LINE__);
       }
     }
+    // While the stream is in the region the socket brings only what a new
+    // registration starts with, after the records published before it.
+    if (onDoorbell && (items[0].revents & ZMQ_POLLIN)) {
+      readStream(command);
+      if (zmq->zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) deliver(message, command);
+    }
   }
   zmq->zmq_msg_close(&message);
   const char bye = static_cast<char>(kBye);
   zmq->zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
+}
+
+void LiveRenderClient::readStream(std::string& command) {
+  Record record;
+  std::string error;
+  while (region->streamOpen() && region->pending() && !stopping.load(std::memory_order_acquire)) {
+    if (!region->next(record, error)) {
+      dropped(error + "; skipped what the controller had published");
+      continue;
+    }
+    ControllerMessage decoded;
+    bool ok = true;
+    const unsigned kind = record.size > 0 ? record.data[0] : 0;
+    // What sets the transport up comes through the socket only.
+    if (kind == kRegistered || kind == kRegion || kind == kSharedUpdate || kind == kToRegion) {
+      char text[64];
+      snprintf(text, sizeof text, "a message of kind 0x%02x in the region's stream", kind);
+      ok = false;
+      error = text;
+    } else {
+      ok = decodeControllerMessage(record.data, record.size, sequenceText, RegionView(), decoded,
+                                   error);
+    }
+    if (!ok) {
+      region->consumed(record.next);
+      dropped(error);
+    } else if (decoded.kind == kToSocket) {
+      region->consumed(record.next);
+      region->closeStream();
+    } else {
+      if (decoded.kind == kCommand) command.assign(decoded.command, decoded.commandLength);
+      // The parsed update and the command own their bytes: the record may go.
+      region->consumed(record.next);
+      handOn(decoded, command);
+    }
+  }
 }
 
 void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
@@ -205,31 +258,49 @@ void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
       const char mapped = static_cast<char>(kRegionMapped);
       zmq->zmq_send(socket, &mapped, 1, ZMQ_DONTWAIT);
     }
+    if (ok && decoded.kind == kToRegion)
+      ok = region->openStream(decoded.streamStart,
+                              std::string(decoded.command, decoded.commandLength), error);
+    if (ok && decoded.kind == kToSocket) {
+      ok = false;
+      error = "a to-socket message through the socket";
+    }
+    // A new session starts on the socket; what the last one's stream held
+    // was read before this.
+    if (ok && decoded.kind == kRegistered) region->closeStream();
   }
   if (!ok) {
-    if (channel().errorEnabled())
-      channel().error("LiveRenderClient: dropped a message from the controller at " + endpoint +
-                          ": " + error + ".",
-                      kSource, __LINE__);
+    dropped(error);
     return;
   }
+  if (decoded.kind == kCommand) command.assign(decoded.command, decoded.commandLength);
+  handOn(decoded, command);
+}
+
+void LiveRenderClient::handOn(const ControllerMessage& decoded, const std::string& command) {
   switch (decoded.kind) {
     case kUpdate:
       onUpdate(decoded.update);
       break;
     case kCommand:
-      command.assign(decoded.command, decoded.commandLength);
       onCommand(command);
       break;
-    case kRegion:
-      break;
-    default:
+    case kRegistered:
       if (channel().infoEnabled())
         channel().info("LiveRenderClient: session registered with the controller at " + endpoint +
                            ".",
                        kSource, __LINE__);
       break;
+    default:
+      break;
   }
+}
+
+void LiveRenderClient::dropped(const std::string& why) {
+  if (channel().errorEnabled())
+    channel().error("LiveRenderClient: dropped a message from the controller at " + endpoint +
+                        ": " + why + ".",
+                    kSource, __LINE__);
 }
 
 }  // namespace LiveRendering

@@ -155,6 +155,14 @@ void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, ch
   writeLittleEndian(out + kHeaderSize + 16, releaseMark, 8);
 }
 
+std::string encodeToRegion(uint64_t start, const std::string& doorbellPath) {
+  std::string body(8, '\0');
+  writeLittleEndian(&body[0], start, 8);
+  return withLength(kToRegion, body + doorbellPath);
+}
+
+std::string encodeToSocket() { return withLength(kToSocket, std::string()); }
+
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark) {
   std::string message(kSharedUpdateSize, '\0');
   encodeSharedUpdate(offset, size, releaseMark, &message[0]);
@@ -174,8 +182,9 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     message.kind = kRegistered;
     return true;
   }
-  static const char* const names[] = {"update", "command", "region", "shared update"};
-  if (kind < kUpdate || kind > kSharedUpdate) {
+  static const char* const names[] = {"update",         "command",   "region",
+                                      "shared update",  "to-region", "to-socket"};
+  if (kind < kUpdate || kind > kToSocket) {
     char text[48];
     snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
     error = text;
@@ -203,6 +212,19 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
       return true;
     case kUpdate:
       return decodeUpdate(body, length, sequenceID, message, error);
+    case kToSocket:
+      message.kind = kToSocket;
+      return true;
+    case kToRegion:
+      if (length < 8) {
+        error = "to-region message of " + std::to_string(length) + " bytes, without its start";
+        return false;
+      }
+      message.kind = kToRegion;
+      message.streamStart = readLittleEndian(body, 8);
+      message.command = reinterpret_cast<const char*>(body + 8);
+      message.commandLength = length - 8;
+      return true;
     default:
       break;
   }
@@ -226,6 +248,41 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
   message.shared = true;
   message.releaseMark = readLittleEndian(body + 16, 8);
   return true;
+}
+
+bool readRecord(const RegionView& region, uint64_t position, uint64_t published, Record& record,
+                std::string& error) {
+  if (region.data == nullptr || region.size <= kRegionHeaderSize) {
+    error = "a stream without a region";
+    return false;
+  }
+  const uint64_t area = region.size - kRegionHeaderSize;
+  for (bool wrapped = false;;) {
+    const uint64_t at = position % area;
+    if (published < position || published - position < kRecordHeaderSize || at % 8 != 0 ||
+        area - at < kRecordHeaderSize) {
+      error = "the region's stream has no record at position " + std::to_string(position) +
+              " (published up to " + std::to_string(published) + ")";
+      return false;
+    }
+    const unsigned char* header = region.data + kRegionHeaderSize + at;
+    const uint64_t size = readLittleEndian(header, 4);
+    if (size == kWrapRecord && !wrapped) {
+      wrapped = true;
+      position += area - at;
+      continue;
+    }
+    const uint64_t span = recordSpan(size);
+    if (size == kWrapRecord || span > area - at || span > published - position) {
+      error = "the region's record at position " + std::to_string(position) + " claims " +
+              std::to_string(size) + " bytes, more than it holds";
+      return false;
+    }
+    record.data = header + kRecordHeaderSize;
+    record.size = size;
+    record.next = position + span;
+    return true;
+  }
 }
 
 }  // namespace LiveRendering

@@ -25,6 +25,7 @@ namespace Selvane {
 namespace LiveRendering {
 
 struct ZmqLibrary;
+struct ControllerMessage;
 class SharedRegion;
 
 class LiveRenderClient {
@@ -52,8 +53,13 @@ class LiveRenderClient {
 
  private:
   void receive();
-  // Decodes one message and hands it to its callback, or logs why not.
+  // Decodes one message from the socket and hands it to its callback, or
+  // logs why not.
   void deliver(zmq_msg_t& message, std::string& command);
+  // The same for the records the controller has published in the region.
+  void readStream(std::string& command);
+  void handOn(const ControllerMessage& decoded, const std::string& command);
+  void dropped(const std::string& why);
 
   std::string endpoint;
   std::string sequenceText;

@@ -27,6 +27,8 @@ enum MessageKind : uint8_t {
   kCommand = 0x83,     // body: u32 length, then that many bytes of command text
   kRegion = 0x84,      // body: u32 length, then the path of a shared payload region
   kSharedUpdate = 0x85,  // body: u32 length (24), then u64 offset, u64 size, u64 release mark
+  kToRegion = 0x86,  // body: u32 length, then u64 stream start, then the doorbell's path
+  kToSocket = 0x87,  // in the region's stream only; body: u32 length (0)
 };
 
 // Size of the kind byte and the length of an update or a command.
@@ -40,6 +42,24 @@ const size_t kHeaderSize = 5;
 const size_t kRegionHeaderSize = 64;
 const size_t kSharedUpdateBodySize = 24;
 const size_t kSharedUpdateSize = kHeaderSize + kSharedUpdateBodySize;
+
+// A controller on the same machine may move the whole stream into the region
+// (kToRegion): each message then is a record in the region's ring, published
+// by the controller's count at kPublishedOffset; a client that is about to
+// sleep sets the word at kSleepingOffset and the controller, finding it set,
+// clears it and writes a byte to the doorbell, a pipe the client polls.
+// A record: u32 size of the message, u32 zero, the message, padding to 8.
+// A record whose size is kWrapRecord says the stream goes on at the ring's
+// start. Ring positions count bytes from the region's first use on; position
+// p lies at offset kRegionHeaderSize + p % (region size - kRegionHeaderSize).
+const size_t kReleaseMarkOffset = 0;
+const size_t kPublishedOffset = 8;
+const size_t kSleepingOffset = 16;
+const size_t kRecordHeaderSize = 8;
+const uint32_t kWrapRecord = 0xffffffffu;
+inline uint64_t recordSpan(uint64_t messageSize) {
+  return (kRecordHeaderSize + messageSize + 7) & ~uint64_t(7);
+}
 
 struct Registration {
   std::string sessionName;
@@ -65,6 +85,8 @@ std::string encodeRegion(const std::string& path);
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark);
 // The same into `out`, which holds kSharedUpdateSize bytes (no allocation).
 void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out);
+std::string encodeToRegion(uint64_t start, const std::string& doorbellPath);
+std::string encodeToSocket();
 
 // The bytes of a mapped region, for decoding shared updates.
 struct RegionView {
@@ -77,10 +99,11 @@ struct RegionView {
 struct ControllerMessage {
   MessageKind kind = kRegistered;
   Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
-  const char* command = nullptr;  // for kCommand, and kRegion's path
+  const char* command = nullptr;  // for kCommand, and kRegion's and kToRegion's path
   size_t commandLength = 0;
   bool shared = false;        // for kUpdate: it came from the region;
   uint64_t releaseMark = 0;   // store this in the region's header once parsed
+  uint64_t streamStart = 0;   // for kToRegion
 };
 
 // Decodes one message for the render `sequenceID`: an update comes out with
@@ -91,6 +114,18 @@ struct ControllerMessage {
 bool decodeControllerMessage(const void* data, size_t size, const std::string& sequenceID,
                              const RegionView& region, ControllerMessage& message,
                              std::string& error);
+
+// The record at ring position `position` of the stream in `region`, which
+// the controller has published up to `published`: the message's bytes, and
+// the position after it (wrap records are stepped over). Returns false with
+// a reason when the record does not lie whole within what was published.
+struct Record {
+  const unsigned char* data = nullptr;
+  size_t size = 0;
+  uint64_t next = 0;
+};
+bool readRecord(const RegionView& region, uint64_t position, uint64_t published, Record& record,
+                std::string& error);
 
 }  // namespace LiveRendering
 }  // namespace Selvane
