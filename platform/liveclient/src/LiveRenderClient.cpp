@@ -1,5 +1,6 @@
 #include "LiveRendering/LiveRenderClient.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -136,10 +137,9 @@ void LiveRenderClient::receive() {
   std::string command;  // reused: a command costs no allocation once it has grown
   zmq_msg_t message;
   zmq->zmq_msg_init(&message);
-  zmq_pollitem_t items[4] = {{socket, 0, ZMQ_POLLIN, 0},
+  zmq_pollitem_t items[3] = {{socket, 0, ZMQ_POLLIN, 0},
                              {monitor, 0, ZMQ_POLLIN, 0},
-                             {stopReceiver, 0, ZMQ_POLLIN, 0},
-                             {nullptr, -1, ZMQ_POLLIN, 0}};
+                             {stopReceiver, 0, ZMQ_POLLIN, 0}};
   for (;;) {
     if (region->streamOpen()) {
       readStream(command);
@@ -154,18 +154,20 @@ void LiveRenderClient::receive() {
       if (region->streamOpen()) continue;
     }
     const bool onDoorbell = region->streamOpen();
-    if (onDoorbell && !region->sleep()) continue;
-    items[3].fd = onDoorbell ? region->doorbellFd() : -1;
-    const int polled = zmq->zmq_poll(items, onDoorbell ? 4 : 3, -1);
-    if (onDoorbell) region->woke();
-    if (polled < 0) {
+    if (onDoorbell) {
+      // Only the doorbell goes through the system's poll: ZeroMQ's own poll
+      // would ask every socket twice per wake-up, a system call each, before
+      // the record could be read.
+      if (!sleepOnDoorbell()) continue;
+      readStream(command);
+    } else if (zmq->zmq_poll(items, 3, -1) < 0) {
       if (zmq->zmq_errno() == EINTR) continue;
       break;
     }
-    if (items[2].revents & ZMQ_POLLIN) break;
+    if (hasInput(stopReceiver)) break;
 
     // An event is two frames: 6 bytes (u16 event, u32 value), then the endpoint.
-    while ((items[1].revents & ZMQ_POLLIN) && zmq->zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
+    while (zmq->zmq_msg_recv(&message, monitor, ZMQ_DONTWAIT) >= 0) {
       uint16_t event = 0;
       if (zmq->zmq_msg_size(&message) >= 2) {
         const auto* bytes = static_cast<const unsigned char*>(zmq->zmq_msg_data(&message));
@@ -193,7 +195,7 @@ void LiveRenderClient::receive() {
     }
     // While the stream is in the region the socket brings only what a new
     // registration starts with, after the records published before it.
-    if (onDoorbell && (items[0].revents & ZMQ_POLLIN)) {
+    if (onDoorbell && hasInput(socket)) {
       readStream(command);
       if (zmq->zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) deliver(message, command);
     }
@@ -201,6 +203,31 @@ void LiveRenderClient::receive() {
   zmq->zmq_msg_close(&message);
   const char bye = static_cast<char>(kBye);
   zmq->zmq_send(socket, &bye, 1, ZMQ_DONTWAIT);
+}
+
+bool LiveRenderClient::hasInput(void* zmqSocket) const {
+  int events = 0;
+  size_t size = sizeof events;
+  return zmq->zmq_getsockopt(zmqSocket, ZMQ_EVENTS, &events, &size) == 0 && (events & ZMQ_POLLIN);
+}
+
+bool LiveRenderClient::sleepOnDoorbell() {
+  // A socket's descriptor is signalled only for news that came after its
+  // events were last asked for: ask first.
+  if (hasInput(socket) || hasInput(monitor) || hasInput(stopReceiver)) return true;
+  if (!region->sleep()) return false;
+  pollfd fds[4] = {{region->doorbellFd(), POLLIN, 0}, {descriptor(socket), POLLIN, 0},
+                   {descriptor(monitor), POLLIN, 0}, {descriptor(stopReceiver), POLLIN, 0}};
+  ::poll(fds, 4, -1);
+  region->woke();
+  return true;
+}
+
+int LiveRenderClient::descriptor(void* zmqSocket) const {
+  int fd = -1;
+  size_t size = sizeof fd;
+  zmq->zmq_getsockopt(zmqSocket, ZMQ_FD, &fd, &size);
+  return fd;
 }
 
 void LiveRenderClient::readStream(std::string& command) {

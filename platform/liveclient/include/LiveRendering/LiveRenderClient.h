@@ -59,6 +59,11 @@ class LiveRenderClient {
   // The same for the records the controller has published in the region.
   void readStream(std::string& command);
   void handOn(const ControllerMessage& decoded, const std::string& command);
+  // While the stream is in the region: sleeps until the doorbell or a
+  // socket may have news; false (at once) when a record came meanwhile.
+  bool sleepOnDoorbell();
+  bool hasInput(void* zmqSocket) const;
+  int descriptor(void* zmqSocket) const;
   void dropped(const std::string& why);
 
   std::string endpoint;
