@@ -300,11 +300,13 @@ void measureLatency(benchmark::State& state, Send send, const std::atomic<uint64
 
 // One update at a time: from the controller's send to the plug-in's
 // submitUpdate.
-void BM_UpdateLatency(benchmark::State& state) {
+void updateLatency(benchmark::State& state, bool socketOnly) {
   const auto message = std::make_shared<const std::string>(live::encodeUpdate(updateBytes(64)));
-  ClientRig rig;
+  ClientRig rig(socketOnly);
   measureLatency(state, [&] { rig.send(message); }, rig.plugin.submitted, rig.plugin.submitAt);
 }
+void BM_UpdateLatency(benchmark::State& state) { updateLatency(state, false); }
+void BM_UpdateLatencySocketOnly(benchmark::State& state) { updateLatency(state, true); }
 
 // Its floor: the same bytes, one at a time, through a bare pair, from zmq_send to the receiving thread's return from
 // its blocking receive.
@@ -336,6 +338,7 @@ BENCHMARK(BM_ClientToPluginSocketOnly)->PAYLOADS;
 BENCHMARK(BM_ZmqPushPull)->PAYLOADS;
 BENCHMARK(BM_TcpFloor)->PAYLOADS;
 BENCHMARK(BM_UpdateLatency)->UseManualTime()->Iterations(20000);
+BENCHMARK(BM_UpdateLatencySocketOnly)->UseManualTime()->Iterations(20000);
 BENCHMARK(BM_ZmqPairLatency)->UseManualTime()->Iterations(20000);
 
 BENCHMARK_MAIN();
