@@ -3,9 +3,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 
+#include "ImageFiles.h"
 #include "Launcher.h"
 #include "RegistryServer.h"
 #include "Script.h"
@@ -111,7 +113,19 @@ std::string messageFor(const Step& step, bool raw) {
 }  // namespace
 
 int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
+  std::unique_ptr<ImageFiles> imageFiles;
+  if (!options.imagesDirectory.empty()) {
+    std::error_code error;
+    std::filesystem::create_directories(options.imagesDirectory, error);
+    if (error) {
+      std::cerr << "kindlet-control: cannot make " << options.imagesDirectory << ": "
+                << error.message() << std::endl;
+      return 2;
+    }
+    imageFiles.reset(new ImageFiles(options.imagesDirectory));
+  }
   RegistryServer registry;
+  if (imageFiles) registry.receiveImages(*imageFiles);
   unsigned short port = options.registryPort;
   if (!registry.bind(port)) return 2;
   std::cout << "service registry port " << port << std::endl;

@@ -16,6 +16,7 @@ struct ClientLiveOptions {
   std::string kindlet;              // empty: the one beside this program
   double connectTimeout = 60;       // for the registrations
   double timeout = 0;               // for kindlet's end once the script waits; 0: none
+  std::string imagesDirectory;      // write the renders' images there; empty: ask for none
   std::vector<std::string> kindletOptions;
 };
 

@@ -33,6 +33,8 @@ const char usage[] =
     "  --control-port N     port of the control channel (default 0: a free one)\n"
     "  --data-port N        port of the data channel (default 0: a free one)\n"
     "  --script FILE        commands to run (default: standard input)\n"
+    "  --images DIR         write each image the renders send to DIR/<sequenceID>.<image>.exr,\n"
+    "                       replaced as passes arrive (not with --legacy-tcp)\n"
     "  --start              start the kindlet installed beside this program\n"
     "  --kindlet PATH       start this kindlet\n"
     "  --connect-timeout S  give up when kindlet hasn't registered or connected\n"
@@ -87,6 +89,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
     double number = 0;
     if (option == "--script") {
       options.script = value;
+    } else if (option == "--images" && *value != '\0') {
+      options.client.imagesDirectory = value;
     } else if (option == "--kindlet") {
       options.kindlet = options.client.kindlet = value;
       options.start = options.client.start = true;

@@ -180,8 +180,12 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       std::cerr << "kindlet-control: " << error << "; its stream goes through the socket" << std::endl;
     if (!sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegistered())))
       return;
-    if (ring && sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
-      table.back().ring = std::move(ring);
+    if (ring && !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
+      return;
+    if (ring) table.back().ring = std::move(ring);
+    if (images && registration.images)
+      sendTo(table.size() - 1, std::make_shared<const std::string>(
+                                   protocol::encodeImagesWanted(images->imageConsumer().wanted())));
   } else if (kind == protocol::kRegionMapped) {
     for (Session& session : table)
       if (session.identity == identity && session.ring) session.ringMapped = true;
@@ -189,13 +193,22 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
     for (auto it = table.begin(); it != table.end(); ++it) {
       if (it->identity != identity) continue;
       std::cout << describe(*it) << " ended" << std::endl;
+      forgetImages(*it);
       table.erase(it);
       break;
     }
+  } else if (images && kind >= protocol::kImageHello && kind <= protocol::kImageClose) {
+    const std::string answer = images->handle(identity, message);
+    if (!answer.empty() && trySend(identity, answer.data(), answer.size(), nullptr) != Outcome::Sent)
+      std::cerr << "kindlet-control: an image connection did not take its answer" << std::endl;
   } else {
     std::cerr << "kindlet-control: ignored a message of unknown kind " << kind
               << " from a client" << std::endl;
   }
+}
+
+void RegistryServer::forgetImages(const Session& session) {
+  if (images) images->forget(session.registration.pid, session.registration.sessionName);
 }
 
 RegistryServer::Outcome RegistryServer::trySend(const std::string& identity, const char* data,
@@ -265,6 +278,7 @@ void RegistryServer::giveUp(size_t index, const std::string& why) {
   if (!table[index].backlog.empty())
     std::cerr << " (" << table[index].backlog.size() << " messages to it not sent)";
   std::cerr << std::endl;
+  forgetImages(table[index]);
   table.erase(table.begin() + static_cast<long>(index));
 }
 

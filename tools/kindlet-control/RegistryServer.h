@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "ImageReceiver.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "StreamRing.h"
 
@@ -67,6 +68,10 @@ class RegistryServer {
   // removes its session ("session <session> pid <p> ended").
   void poll(int milliseconds);
 
+  // Asks every render that registers from now on for the images `consumer`
+  // wants and hands it their passes (on the thread that polls).
+  void receiveImages(ImageConsumer& consumer) { images.reset(new ImageReceiver(consumer)); }
+
   const std::vector<Session>& sessions() const { return table; }
   bool backlogged() const;
 
@@ -94,12 +99,14 @@ class RegistryServer {
   bool sendTo(size_t index, const Message& message);
   // Removes table[index] after a line on standard error saying why.
   void giveUp(size_t index, const std::string& why);
+  void forgetImages(const Session& session);
 
   const size_t backlogLimit;
   const bool streamInRegion;
   void* context;
   void* socket = nullptr;
   std::vector<Session> table;
+  std::unique_ptr<ImageReceiver> images;
   struct Retired {
     Morrigo::Selvane::LiveRendering::Registration registration;
     std::unique_ptr<StreamRing> ring;

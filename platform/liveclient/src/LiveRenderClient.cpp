@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "ImageSender.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "SharedRegion.h"
+#include "XoImageOut/ImageHost.h"
 #include "ZmqLibrary.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 
@@ -55,6 +57,7 @@ LiveRenderClient::~LiveRenderClient() {
     zmq->zmq_send(stopSender, "", 0, 0);
     thread.join();
   }
+  images.reset();
   if (socket != nullptr) zmq->zmq_socket_monitor(socket, nullptr, 0);
   closeSocket(*zmq, monitor);
   closeSocket(*zmq, stopSender);
@@ -87,6 +90,10 @@ void LiveRenderClient::initializeSession(
   registration.rendererName = rendererInfo.registeredName;
   registration.pid = static_cast<long>(::getpid());
   registration.sharedRegions = true;
+  registration.images = true;
+  hello.sessionName = sessionName;
+  hello.sequenceID = sequenceID;
+  hello.pid = registration.pid;
   if (const XoRendererInfoPluginSuite* info = rendererInfo.suite) {
     if (info->getRendererName != nullptr && info->getRendererName() != nullptr)
       registration.rendererName = info->getRendererName();
@@ -258,7 +265,8 @@ void LiveRenderClient::readStream(std::string& command) {
       region->consumed(record.next);
       region->closeStream();
     } else {
-      if (decoded.kind == kCommand) command.assign(decoded.command, decoded.commandLength);
+      if (decoded.kind == kCommand || decoded.kind == kImagesWanted)
+        command.assign(decoded.command, decoded.commandLength);
       // The parsed update and the command own their bytes: the record may go.
       region->consumed(record.next);
       handOn(decoded, command);
@@ -300,15 +308,30 @@ void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
     dropped(error);
     return;
   }
-  if (decoded.kind == kCommand) command.assign(decoded.command, decoded.commandLength);
+  if (decoded.kind == kCommand || decoded.kind == kImagesWanted)
+    command.assign(decoded.command, decoded.commandLength);
   handOn(decoded, command);
 }
 
 void LiveRenderClient::handOn(const ControllerMessage& decoded, const std::string& command) {
   switch (decoded.kind) {
     case kUpdate:
+      XoImageOut::countUpdate();
       onUpdate(decoded.update);
       break;
+    case kImagesWanted: {
+      std::vector<std::string> names;
+      for (size_t at = 0; at < command.size();) {
+        size_t end = command.find('\n', at);
+        if (end == std::string::npos) end = command.size();
+        if (end > at) names.push_back(command.substr(at, end - at));
+        at = end + 1;
+      }
+      if (!images && names.empty()) break;
+      if (!images) images.reset(new ImageSender(*zmq, context, endpoint, hello));
+      images->want(names, region->view().data != nullptr);
+      break;
+    }
     case kCommand:
       onCommand(command);
       break;

@@ -6,6 +6,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "Bytes.h"
 #include "LiveRendering/PerRenderUpdate.h"
 
 namespace Morrigo {
@@ -18,21 +19,11 @@ using Arbolite3::internal::XoAttribute::kTypeGroup;
 
 namespace {
 
-void writeLittleEndian(char* out, uint64_t value, int count) {
-  for (int i = 0; i < count; ++i, value >>= 8) out[i] = static_cast<char>(value & 0xff);
-}
-
 std::string withLength(MessageKind kind, const std::string& body) {
   std::string message(kHeaderSize, '\0');
   message[0] = static_cast<char>(kind);
   writeLittleEndian(&message[1], body.size(), 4);
   return message + body;
-}
-
-uint64_t readLittleEndian(const unsigned char* bytes, int count) {
-  uint64_t value = 0;
-  for (int i = count; i-- > 0;) value = value << 8 | bytes[i];
-  return value;
 }
 
 uint32_t readLength(const unsigned char* bytes) {
@@ -90,6 +81,8 @@ std::string encodeRegister(const Registration& registration) {
   writer.Int64(registration.pid);
   writer.Key("sharedRegions");
   writer.Bool(registration.sharedRegions);
+  writer.Key("images");
+  writer.Bool(registration.images);
   writer.EndObject();
   return std::string(1, static_cast<char>(kRegister)) + buffer.GetString();
 }
@@ -134,6 +127,8 @@ bool decodeRegister(const void* data, size_t size, Registration& registration,
   registration.pid = static_cast<long>(pid->GetInt64());
   const rapidjson::Value* shared = member("sharedRegions");
   registration.sharedRegions = shared != nullptr && shared->IsBool() && shared->GetBool();
+  const rapidjson::Value* images = member("images");
+  registration.images = images != nullptr && images->IsBool() && images->GetBool();
   return true;
 }
 
@@ -163,6 +158,12 @@ std::string encodeToRegion(uint64_t start, const std::string& doorbellPath) {
 
 std::string encodeToSocket() { return withLength(kToSocket, std::string()); }
 
+std::string encodeImagesWanted(const std::vector<std::string>& names) {
+  std::string body;
+  for (const std::string& name : names) body += (body.empty() ? "" : "\n") + name;
+  return withLength(kImagesWanted, body);
+}
+
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark) {
   std::string message(kSharedUpdateSize, '\0');
   encodeSharedUpdate(offset, size, releaseMark, &message[0]);
@@ -182,9 +183,9 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     message.kind = kRegistered;
     return true;
   }
-  static const char* const names[] = {"update",         "command",   "region",
-                                      "shared update",  "to-region", "to-socket"};
-  if (kind < kUpdate || kind > kToSocket) {
+  static const char* const names[] = {"update",    "command",   "region",      "shared update",
+                                      "to-region", "to-socket", "images-wanted"};
+  if (kind < kUpdate || kind > kImagesWanted) {
     char text[48];
     snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
     error = text;
@@ -206,6 +207,7 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
   switch (kind) {
     case kCommand:
     case kRegion:
+    case kImagesWanted:
       message.kind = static_cast<MessageKind>(kind);
       message.command = reinterpret_cast<const char*>(body);
       message.commandLength = length;

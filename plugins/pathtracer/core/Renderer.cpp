@@ -4,6 +4,7 @@
 
 #include "ImageFile.h"
 #include "Pass.h"
+#include "XoImageOut/XoImageOutC.h"
 
 namespace pathtracer {
 
@@ -49,6 +50,7 @@ void Renderer::startOverLocked() {
   sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
   samplesDone = 0;
   latest.clear();
+  publisher.resize(compiled->settings.width, compiled->settings.height);
   // A deeper first pass would keep the new state off screen for longer.
   previewPending = compiled->settings.maxDepth > kPreviewDepth;
   ++generation;
@@ -94,6 +96,7 @@ bool Renderer::renderBatch() {
   int reported = 0;  // in tenths
   for (int sample = 0; sample < s.samples; ++sample) {
     renderPass(*compiled, sample, sums, arena, never);
+    if (publisher.wanted()) publisher.publish(average(sample + 1), uint64_t(sample + 1), sceneState);
     const int tenths = (sample + 1) * 10 / s.samples;
     if (tenths > reported && sample + 1 < s.samples) {
       reported = tenths;
@@ -163,6 +166,8 @@ void Renderer::liveLoop() {
       if (preview) previewPending = false;
       else samplesDone = sample + 1;
       latest = pixels;
+      // The quick first image of a state counts no samples: it is direct light only.
+      publisher.publish(pixels, preview ? 0 : uint64_t(sample + 1), sceneState);
     }
     // Written after the image is published and with the pass marked done, so
     // neither a viewer nor an update waits for the file.
@@ -185,6 +190,8 @@ void Renderer::liveLoop() {
 void Renderer::submitUpdate(const GroupAttribute& update) {
   std::lock_guard<std::mutex> lock(queueMutex);
   queue.push_back(update);
+  // Read on the thread that delivers the update: it counts this one.
+  queuedSceneState = XoImageOutUpdateCount();
 }
 
 bool Renderer::hasQueuedUpdates() {
@@ -194,9 +201,11 @@ bool Renderer::hasQueuedUpdates() {
 
 void Renderer::applyQueuedUpdates() {
   std::vector<GroupAttribute> batch;
+  uint64_t batchState;
   {
     std::lock_guard<std::mutex> lock(queueMutex);
     batch.swap(queue);
+    batchState = queuedSceneState;
   }
   if (batch.empty()) return;
   {
@@ -215,6 +224,7 @@ void Renderer::applyQueuedUpdates() {
   if (effect.anythingChanged) recompile(!effect.geometryChanged);
   {
     std::lock_guard<std::mutex> lock(stateMutex);
+    sceneState = batchState;
     startOverLocked();
     cancel = false;
     paused = false;

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "ImagePublisher.h"
 #include "Log.h"
 #include "MeshFile.h"
 #include "RenderScene.h"
@@ -92,6 +93,10 @@ class Renderer {
 
   std::mutex queueMutex;
   std::vector<GroupAttribute> queue;
+  uint64_t queuedSceneState = 0;  // the image service's count of the newest queued update
+  // The scene state the passes render: the newest update applied (under stateMutex).
+  uint64_t sceneState = 0;
+  ImagePublisher publisher;
 
   std::mutex stateMutex;
   std::condition_variable stateChanged;

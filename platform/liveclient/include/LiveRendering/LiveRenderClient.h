@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "LiveRendering/ImageProtocol.h"
 #include "XoAttribute/Attribute.h"
 #include "XoRendererPlugin/XoRendererPluginManager.h"
 #include "XoScenegraph/XoScenegraphIterator.h"
@@ -27,6 +28,7 @@ namespace LiveRendering {
 struct ZmqLibrary;
 struct ControllerMessage;
 class SharedRegion;
+class ImageSender;
 
 class LiveRenderClient {
  public:
@@ -80,6 +82,8 @@ class LiveRenderClient {
   void* stopReceiver = nullptr;
   std::atomic<bool> stopping{false};  // set with the word, seen between messages
   std::unique_ptr<SharedRegion> region;  // the controller's, once announced; the thread's alone
+  ImageHello hello;                       // how the image connection names this session
+  std::unique_ptr<ImageSender> images;    // once the controller asks for images; the thread's
   std::thread thread;
 };
 

@@ -29,6 +29,7 @@ enum MessageKind : uint8_t {
   kSharedUpdate = 0x85,  // body: u32 length (24), then u64 offset, u64 size, u64 release mark
   kToRegion = 0x86,  // body: u32 length, then u64 stream start, then the doorbell's path
   kToSocket = 0x87,  // in the region's stream only; body: u32 length (0)
+  kImagesWanted = 0x88,  // body: u32 length, then image names, one per line ("*": all)
 };
 
 // Size of the kind byte and the length of an update or a command.
@@ -69,6 +70,7 @@ struct Registration {
   std::vector<std::string> renderMethods;
   long pid = 0;
   bool sharedRegions = false;  // the client can read updates from a kRegion
+  bool images = false;         // the client sends its renderer's images when asked (ImageProtocol.h)
 };
 
 // The register message for `registration`.
@@ -87,6 +89,8 @@ std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseM
 void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, char* out);
 std::string encodeToRegion(uint64_t start, const std::string& doorbellPath);
 std::string encodeToSocket();
+// Asks the client for the images of these names ("*": every image; none: stop).
+std::string encodeImagesWanted(const std::vector<std::string>& names);
 
 // The bytes of a mapped region, for decoding shared updates.
 struct RegionView {
@@ -99,7 +103,8 @@ struct RegionView {
 struct ControllerMessage {
   MessageKind kind = kRegistered;
   Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
-  const char* command = nullptr;  // for kCommand, and kRegion's and kToRegion's path
+  // for kCommand, kRegion's and kToRegion's path, and kImagesWanted's names
+  const char* command = nullptr;
   size_t commandLength = 0;
   bool shared = false;        // for kUpdate: it came from the region;
   uint64_t releaseMark = 0;   // store this in the region's header once parsed

@@ -1,0 +1,68 @@
+// One open image of the service: its description and its three buffers.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "XoImageOut/ImageHost.h"
+
+namespace XoImageOut {
+
+struct PassTags {
+  uint64_t samples = UINT64_MAX;
+  uint64_t sceneState = UINT64_MAX;
+  bool any() const { return samples != UINT64_MAX; }
+  void add(uint64_t moreSamples, uint64_t state) {
+    if (moreSamples < samples) samples = moreSamples;
+    if (state < sceneState) sceneState = state;
+  }
+};
+
+class Image {
+ public:
+  explicit Image(ImageDescription description) : description(std::move(description)) {}
+  ~Image();
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
+  // Plug-in side.
+  bool write(int x, int y, int width, int height, const void* pixels, size_t rowBytes,
+             PixelType inputType, uint64_t samples, uint64_t sceneState, std::string& error);
+  void passDone();
+  void close() { closed.store(true, std::memory_order_release); }
+
+  // Reader side (PublishedImage).
+  bool want(std::string& error);
+  void unwant() { wanted.store(false, std::memory_order_release); }
+  bool take(TakenPass& pass);
+  void release();
+  void giveBack();
+
+  const ImageDescription description;
+  std::atomic<bool> closed{false};
+  std::atomic<bool> wanted{false};
+  int fd = -1;
+  size_t slotBytes = 0;
+
+ private:
+  unsigned char* slot(int index) const { return base + size_t(index) * slotBytes; }
+  // Before the first write of a pass that covers less than the whole image,
+  // the buffer is brought up to the last published pass.
+  void prepareBack(bool wholeImage);
+
+  std::mutex mutex;
+  unsigned char* base = nullptr;
+  // Buffer indices by role; each role holds a different buffer.
+  int back = 0, ready = 1, inFlight = 2;
+  bool readyFresh = false;   // `ready` holds a pass not yet taken
+  bool flying = false;       // `inFlight` is taken and not released
+  int lastPublished = -1;    // buffer of the newest finished pass
+  std::atomic<bool> backPrepared{false};
+  PassTags backTags, readyTags, publishedTags;
+  bool backWhole = false;    // this pass wrote the whole image at once
+  uint64_t passes = 0;
+};
+
+}  // namespace XoImageOut

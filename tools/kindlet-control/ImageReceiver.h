@@ -1,0 +1,62 @@
+// The controller's side of the image connections (ImageProtocol.h): which
+// session each belongs to, the images it announced, and their passes handed
+// to a consumer.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ImageMapping.h"
+#include "LiveRendering/ImageProtocol.h"
+
+namespace KindletControl {
+
+using ImageSource = Morrigo::Selvane::LiveRendering::ImageHello;
+using ImageOpen = Morrigo::Selvane::LiveRendering::ImageOpen;
+using ImagePass = Morrigo::Selvane::LiveRendering::ImagePass;
+
+// What the controlling application does with the images.
+class ImageConsumer {
+ public:
+  virtual ~ImageConsumer() = default;
+  // The names of the images to ask each render for ("*": all).
+  virtual std::vector<std::string> wanted() const { return {"*"}; }
+  // A pass of `image`: `pixels` (image.pixelBytes() bytes) are valid during
+  // the call only. Passes of one image come in the order they were made.
+  virtual void pass(const ImageSource& source, const ImageOpen& image, const ImagePass& pass,
+                    const unsigned char* pixels) = 0;
+  virtual void closed(const ImageSource& /*source*/, const ImageOpen& /*image*/) {}
+};
+
+class ImageReceiver {
+ public:
+  explicit ImageReceiver(ImageConsumer& consumer) : consumer(consumer) {}
+
+  // Handles one message from the image connection `identity`. Returns the
+  // answer to send back on it ("" for none); a bad message gives one line on
+  // standard error and is dropped.
+  std::string handle(const std::string& identity, const std::string& message);
+  // The session of `pid` named `sessionName` has ended: its images go.
+  void forget(long pid, const std::string& sessionName);
+  ImageConsumer& imageConsumer() { return consumer; }
+
+ private:
+  struct Image {
+    ImageOpen open;
+    std::unique_ptr<ImageMapping> mapping;  // none: pixels come inline
+  };
+  struct Channel {
+    ImageSource source;
+    std::map<uint32_t, Image> images;
+  };
+  void closeAll(Channel& channel);
+  void dropped(const Channel* channel, const std::string& why) const;
+
+  ImageConsumer& consumer;
+  std::map<std::string, Channel> channels;  // by the routing socket's identity
+};
+
+}  // namespace KindletControl
