@@ -87,7 +87,7 @@ class Kindlet(object):
     record, when kindlet wrote one."""
 
     def __init__(self, options, root=None, registry=None, sequenceID=None, env=None,
-                 log=sys.stderr):
+                 log="stderr"):
         self.root = os.path.abspath(root or ROOT)
         _checkRoot(self.root)
         self.registry = registry
@@ -115,6 +115,7 @@ class Kindlet(object):
         finally:
             os.close(writeEnd)
         os.set_blocking(self._report, False)
+        log = sys.stderr if log == "stderr" else log  # the one of the time, not of the import
         self._logThread = threading.Thread(target=self._readLog, args=(log,), daemon=True)
         self._logThread.start()
 
@@ -273,13 +274,15 @@ def _options(opTree, renderer, renderMethodName, frames, tempDir, options):
 
 
 def start(opTree, renderer, registry=None, sequenceID=None, renderMethodName=None, frames=None,
-          tempDir=None, options=None, root=None, env=None, log=sys.stderr):
+          tempDir=None, options=None, root=None, env=None, log="stderr"):
     """Starts one kindlet of `root` (default: the root of this module) for
     the Op tree file `opTree` (a pattern with `*` and `frames`, e.g. "1-3,7",
     for a sequence) with the registered renderer `renderer`: a live render
     that registers with `registry` (a LiveRenderController.Registry) when one
     is given, else a batch render. `options` maps further kindlet options
-    (without the dash) to values; `env` replaces the environment handed down.
+    (without the dash) to values; `env` replaces the environment handed down;
+    kindlet's standard error goes to the file `log` ("stderr": sys.stderr; None:
+    nowhere) and its last lines stay in the Kindlet's `.log`.
     Returns the Kindlet at once; NotAnInstallRoot for a root without
     kindlet-control and kindlet."""
     method = renderMethodName or ("liveRender" if registry is not None else "diskRender")
@@ -288,7 +291,7 @@ def start(opTree, renderer, registry=None, sequenceID=None, renderMethodName=Non
 
 
 def render(opTree, renderer, renderMethodName="diskRender", frames=None, tempDir=None,
-           options=None, root=None, env=None, log=sys.stderr, timeout=None, check=True):
+           options=None, root=None, env=None, log="stderr", timeout=None, check=True):
     """A batch render to its end (arguments as for start); returns the ended
     Kindlet with `status` and the analytics `cost` record (the report goes to
     SELVANE_ANALYTICS_DIR of the environment, or to a temporary folder that is
