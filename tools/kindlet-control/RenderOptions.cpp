@@ -17,18 +17,25 @@ bool parsePositive(const std::string& text, long limit, long& value) {
 
 }  // namespace
 
+std::vector<std::string> registryArguments(const std::string& host, int port) {
+  return {"-host", host + ":0", "-serviceRegistryPort", std::to_string(port),
+          "-renderMethodType", "liveRender"};
+}
+
+std::map<std::string, std::string> registryEnvironment() {
+  // The registry, not the legacy TCP channels, whatever this process inherited.
+  return {{"SELVANE_DISABLE_PREVANE_PLUS", "0"}};
+}
+
 std::vector<std::string> RenderOptions::arguments() const {
   std::vector<std::string> arguments;
-  if (registryPort >= 0)
-    arguments = {"-host", registryHost + ":0", "-serviceRegistryPort",
-                 std::to_string(registryPort), "-renderMethodType", "liveRender"};
+  if (registryPort >= 0) arguments = registryArguments(registryHost, registryPort);
   arguments.insert(arguments.end(), kindletOptions.begin(), kindletOptions.end());
   return arguments;
 }
 
 std::map<std::string, std::string> RenderOptions::environment() const {
-  // The registry, not the legacy TCP channels, whatever this process inherited.
-  if (registryPort >= 0) return {{"SELVANE_DISABLE_PREVANE_PLUS", "0"}};
+  if (registryPort >= 0) return registryEnvironment();
   return {};
 }
 

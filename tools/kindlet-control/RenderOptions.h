@@ -24,6 +24,11 @@ struct RenderOptions {
   std::map<std::string, std::string> environment() const;
 };
 
+// What a live render fed by the registry at host:port gets before its own
+// options, and over the environment handed down.
+std::vector<std::string> registryArguments(const std::string& host, int port);
+std::map<std::string, std::string> registryEnvironment();
+
 // argv holds "render", the options above, "--" and kindlet's options. False
 // with a line on standard error for anything else.
 bool parseRenderOptions(int argc, char** argv, RenderOptions& options);
