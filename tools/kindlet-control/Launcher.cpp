@@ -158,11 +158,12 @@ std::string Launcher::endWords() const {
   if (failedToStart_)
     return std::string(Subprocess::statusName(Subprocess::StatusFailedToStart)) + ": " +
            whyNotStarted_;
-  const Subprocess::Status status = child_.status();
+  const Subprocess::Status status = started_ ? child_.status() : Subprocess::StatusRunning;
   if (status == Subprocess::StatusRunning) return std::string();
   const int signal = child_.terminationSignal();
   std::string words = Subprocess::statusName(status);
-  if (signal > 0) return words + ": signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
+  if (signal > 0)
+    return words + ": signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
   return words + ": exit status " + std::to_string(child_.exitCode());
 }
 
@@ -174,7 +175,8 @@ int Launcher::reportEnd() {
     return kExitFailedToStart;
   }
   const std::string analytics = analyticsWords();
-  if (!analytics.empty()) std::cerr << "kindlet-control: analytics report " << analytics << std::endl;
+  if (!analytics.empty())
+    std::cerr << "kindlet-control: analytics report " << analytics << std::endl;
   if (child_.status() == Subprocess::StatusSucceeded) return 0;
   std::cerr << "kindlet-control: kindlet " << endWords() << std::endl;
   const int signal = child_.terminationSignal();
