@@ -10,6 +10,7 @@
 #include "ImageFiles.h"
 #include "Launcher.h"
 #include "RegistryServer.h"
+#include "RenderOptions.h"
 #include "Script.h"
 
 namespace KindletControl {
@@ -28,9 +29,7 @@ class Renders {
   // False when one did not start (its end is then reported by report()).
   bool start(unsigned short registryPort) {
     for (int i = 1; i <= options.renders; ++i) {
-      std::vector<std::string> arguments = {"-host", "127.0.0.1:0", "-serviceRegistryPort",
-                                            std::to_string(registryPort), "-renderMethodType",
-                                            "liveRender"};
+      std::vector<std::string> arguments = registryArguments("127.0.0.1", registryPort);
       if (options.renders > 1) {
         arguments.push_back("-sequenceID");
         arguments.push_back(std::to_string(i));
@@ -39,7 +38,7 @@ class Renders {
                        options.kindletOptions.end());
       children.emplace_back(new Launcher(options.kindlet));
       reports.emplace_back(new EndReport(*children.back()));
-      if (!children.back()->start(arguments, {{"SELVANE_DISABLE_PREVANE_PLUS", "0"}}))
+      if (!children.back()->start(arguments, registryEnvironment()))
         return false;
       std::cout << "kindlet pid " << children.back()->pid() << std::endl;
     }

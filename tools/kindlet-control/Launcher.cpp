@@ -73,8 +73,8 @@ bool Launcher::start(const std::vector<std::string>& options,
       installRoot() + "/bin/python" + version + "/lib/python" + version + "/os.py";
   struct stat found;
   if (::stat(library.c_str(), &found) != 0) {
-    std::cerr << "kindlet-control: no interpreter home in " << installRoot() << " (" << library
-              << " is missing)" << std::endl;
+    whyNotStarted_ = "no interpreter home in " + installRoot() + " (" + library + " is missing)";
+    std::cerr << "kindlet-control: " << whyNotStarted_ << std::endl;
     failedToStart_ = true;
     return false;
   }
@@ -90,13 +90,14 @@ bool Launcher::start(const std::vector<std::string>& options,
   try {
     child_ = Subprocess::start(launch);
   } catch (const std::exception& error) {
-    std::cerr << "kindlet-control: cannot start " << kindlet_ << ": " << error.what()
-              << std::endl;
+    whyNotStarted_ = "cannot start " + kindlet_ + ": " + error.what();
+    std::cerr << "kindlet-control: " << whyNotStarted_ << std::endl;
     failedToStart_ = true;
     return false;
   }
   started_ = true;
   if (child_.status() == Subprocess::StatusFailedToStart) {
+    whyNotStarted_ = kindlet_;
     failedToStart_ = true;
     return false;
   }
@@ -141,15 +142,29 @@ void Launcher::kill() {
   child_.waitExit();
 }
 
-void Launcher::reportAnalytics() {
+std::string Launcher::analyticsWords() const {
   namespace analytics = Arbolite3::XoRenderServices::v1;
   const std::string directory =
       Arbolite3::XoConfiguration::v1::Config().get("SELVANE_ANALYTICS_DIR");
-  if (directory.empty() || pid_ <= 0) return;
+  if (directory.empty() || pid_ <= 0) return std::string();
   const std::string path = analytics::findAnalyticsReport(directory, pid_);
   std::string cost;
-  if (path.empty() || !analytics::readAnalyticsRecord(path, "selvane.process.cost", cost)) return;
-  std::cerr << "kindlet-control: analytics report " << path << " " << cost << std::endl;
+  if (path.empty() || !analytics::readAnalyticsRecord(path, "selvane.process.cost", cost))
+    return std::string();
+  return path + " " + cost;
+}
+
+std::string Launcher::endWords() const {
+  if (failedToStart_)
+    return std::string(Subprocess::statusName(Subprocess::StatusFailedToStart)) + ": " +
+           whyNotStarted_;
+  const Subprocess::Status status = started_ ? child_.status() : Subprocess::StatusRunning;
+  if (status == Subprocess::StatusRunning) return std::string();
+  const int signal = child_.terminationSignal();
+  std::string words = Subprocess::statusName(status);
+  if (signal > 0)
+    return words + ": signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
+  return words + ": exit status " + std::to_string(child_.exitCode());
 }
 
 int Launcher::reportEnd() {
@@ -159,15 +174,12 @@ int Launcher::reportEnd() {
               << std::endl;
     return kExitFailedToStart;
   }
-  reportAnalytics();
-  const Subprocess::Status status = child_.status();
+  const std::string analytics = analyticsWords();
+  if (!analytics.empty())
+    std::cerr << "kindlet-control: analytics report " << analytics << std::endl;
+  if (child_.status() == Subprocess::StatusSucceeded) return 0;
+  std::cerr << "kindlet-control: kindlet " << endWords() << std::endl;
   const int signal = child_.terminationSignal();
-  if (status == Subprocess::StatusSucceeded) return 0;
-  std::cerr << "kindlet-control: kindlet " << Subprocess::statusName(status);
-  if (signal > 0)
-    std::cerr << ": signal " << signal << " (" << strsignal(signal) << ")" << std::endl;
-  else
-    std::cerr << ": exit status " << child_.exitCode() << std::endl;
   return signal > 0 ? 128 + signal : child_.exitCode();
 }
 

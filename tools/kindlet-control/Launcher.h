@@ -47,18 +47,25 @@ class Launcher {
   // should exit with: kindlet's own, 128 + N for signal N, or
   // kExitFailedToStart.
   int reportEnd();
+  // How kindlet ended in the words of that line, without "kindlet ": e.g.
+  // "succeeded: exit status 0", "killed: signal 15 (Terminated)", "failed to
+  // start: <why>". Empty while running.
+  std::string endWords() const;
+  // "<report path> <cost record>" once kindlet wrote its analytics report,
+  // else empty.
+  std::string analyticsWords() const;
 
   // The install root this program belongs to (<root>/bin/kindlet-control).
   static std::string installRoot();
 
  private:
   std::map<std::string, std::string> childEnvironment();
-  void reportAnalytics();
 
   std::string kindlet_;
   Arbolite3::Base::Subprocess child_;
   bool started_ = false;
   bool failedToStart_ = false;
+  std::string whyNotStarted_;
   int pid_ = -1;
 };
 

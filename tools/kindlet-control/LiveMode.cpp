@@ -26,7 +26,7 @@ namespace {
 
 const char usage[] =
     "usage: kindlet-control [options] [-- kindlet options...]\n"
-    "       kindlet-control render -- kindlet options...\n"
+    "       kindlet-control render [--registry HOST:PORT] [--report-fd N] -- kindlet options...\n"
     "  --registry-port N    port of the service registry (default 0: a free one)\n"
     "  --renders N          start N kindlets, with -sequenceID 1..N (default 1)\n"
     "  --legacy-tcp         feed kindlet over the two TCP channels instead:\n"
