@@ -176,7 +176,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
                   retired.end());
     table.push_back({identity, registration, {}, 0, nullptr, false, false, false});
     std::unique_ptr<StreamRing> ring;
-    if (registration.sharedRegions && !(ring = StreamRing::create(kRegionSize, error)))
+    if (registration.sharedRegions && streamInRegion && !(ring = StreamRing::create(kRegionSize, error)))
       std::cerr << "kindlet-control: " << error << "; its stream goes through the socket" << std::endl;
     if (!sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegistered())))
       return;

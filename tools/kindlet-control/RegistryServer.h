@@ -47,7 +47,7 @@ class RegistryServer {
   // Bytes a session may fall behind before it is given up.
   static const size_t kDefaultBacklogLimit = size_t(256) << 20;
   // `streamInRegion`: move a session's stream into its region once mapped
-  // (false: everything through the socket, as to a client elsewhere).
+  // (false: no region, everything through the socket, as to a client elsewhere).
   explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit, bool streamInRegion = true);
   ~RegistryServer();
   RegistryServer(const RegistryServer&) = delete;
