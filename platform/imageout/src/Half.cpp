@@ -1,5 +1,6 @@
 #include "Half.h"
 
+#include <cpuid.h>
 #include <immintrin.h>
 
 #include <cstring>
@@ -65,7 +66,16 @@ __attribute__((target("f16c,avx"))) void floatsToHalvesF16c(const float* in, uin
 }
 
 bool hasF16c() {
-  static const bool has = __builtin_cpu_supports("f16c") && __builtin_cpu_supports("avx");
+  static const bool has = [] {
+    unsigned a, b, c, d;
+    if (!__get_cpuid(1, &a, &b, &c, &d)) return false;
+    const bool avx = (c & bit_AVX) && (c & bit_OSXSAVE) && (c & bit_F16C);
+    // The system must save the vector registers too.
+    if (!avx) return false;
+    unsigned low, high;
+    asm volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    return (low & 6) == 6;
+  }();
   return has;
 }
 
