@@ -24,6 +24,7 @@
 #include "LiveRendering/LiveRenderClient.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "RegistryServer.h"
+#include "XoImageOut/XoImageOutC.h"
 
 using Clock = std::chrono::steady_clock;
 using namespace Arbolite3::internal::XoAttribute;
@@ -116,8 +117,9 @@ struct ClientRig {
   KindletControl::RegistryServer registry;
   std::unique_ptr<live::LiveRenderClient> client{new live::LiveRenderClient()};
 
-  explicit ClientRig(bool socketOnly = false)
+  explicit ClientRig(bool socketOnly = false, KindletControl::ImageConsumer* images = nullptr)
       : registry(KindletControl::RegistryServer::kDefaultBacklogLimit, !socketOnly) {
+    if (images != nullptr) registry.receiveImages(*images);
     unsigned short port = 0;
     registry.bind(port);
     Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
@@ -130,7 +132,8 @@ struct ClientRig {
         std::bind(onCommand, manager, std::placeholders::_1));
     // As a controller serving its socket would: the client maps its region
     // at once.
-    while (registry.sessions().empty() || !registry.sessions()[0].ringMapped) registry.poll(10);
+    while (registry.sessions().empty() || (!socketOnly && !registry.sessions()[0].ringMapped))
+      registry.poll(10);
   }
   ~ClientRig() {
     client.reset();  // first, or it would log the registry's end as an outage
@@ -277,16 +280,16 @@ void BM_TcpFloor(benchmark::State& state) {
 // Sends one message at a time and waits asleep for it; reports the median
 // and p99 of the time from the send to the receiver's note of it, in
 // microseconds.
-template <typename Send>
+template <typename Send, typename Pump = void (*)()>
 void measureLatency(benchmark::State& state, Send send, const std::atomic<uint64_t>& received,
-                    const std::atomic<int64_t>& receivedAt) {
+                    const std::atomic<int64_t>& receivedAt, Pump pump = [] {}) {
   std::vector<double> samples;
   uint64_t sent = 0;
   for (auto _ : state) {
     const int64_t start = nowNs();
     send();
     // Asleep at once: a spinning sender would take a CPU from the path measured.
-    waitUntil(received, ++sent, [] {}, 0);
+    waitUntil(received, ++sent, pump, 0);
     const double seconds = (receivedAt.load() - start) * 1e-9;
     samples.push_back(seconds * 1e6);
     state.SetIterationTime(seconds);
@@ -306,6 +309,36 @@ void updateLatency(benchmark::State& state, bool socketOnly) {
   measureLatency(state, [&] { rig.send(message); }, rig.plugin.submitted, rig.plugin.submitAt);
 }
 void BM_UpdateLatency(benchmark::State& state) { updateLatency(state, false); }
+
+struct IgnoredImages : KindletControl::ImageConsumer {
+  void pass(const KindletControl::ImageSource&, const KindletControl::ImageOpen&,
+            const KindletControl::ImagePass&, const unsigned char*) override {}
+};
+
+// The same while the controller serves its registry between updates, with
+// (range 1) or without (0) a renderer publishing 512x512 RGBA half passes
+// back to back that the controller takes.
+void BM_UpdateLatencyServing(benchmark::State& state) {
+  const auto message = std::make_shared<const std::string>(live::encodeUpdate(updateBytes(64)));
+  IgnoredImages images;
+  ClientRig rig(false, &images);
+  std::atomic<bool> done{false};
+  std::thread renderer([&] {
+    if (state.range(0) == 0) return;
+    const char* channels[] = {"R", "G", "B", "A"};
+    XoImageOutImage* image = XoImageOutOpen("beauty", 512, 512, 4, channels, kXoImageHalf);
+    std::vector<uint16_t> pixels(512 * 512 * 4, 0x3c00);
+    while (!done.load()) {
+      XoImageOutWrite(image, 0, 0, 512, 512, pixels.data(), 512 * 8, kXoImageHalf, 1, 0);
+      XoImageOutPassDone(image);
+    }
+    XoImageOutClose(image);
+  });
+  measureLatency(state, [&] { rig.send(message); }, rig.plugin.submitted, rig.plugin.submitAt,
+                 [&] { rig.registry.poll(0); });
+  done = true;
+  renderer.join();
+}
 void BM_UpdateLatencySocketOnly(benchmark::State& state) { updateLatency(state, true); }
 
 // Its floor: the same bytes, one at a time, through a bare pair, from zmq_send to the receiving thread's return from
@@ -339,6 +372,7 @@ BENCHMARK(BM_ZmqPushPull)->PAYLOADS;
 BENCHMARK(BM_TcpFloor)->PAYLOADS;
 BENCHMARK(BM_UpdateLatency)->UseManualTime()->Iterations(20000);
 BENCHMARK(BM_UpdateLatencySocketOnly)->UseManualTime()->Iterations(20000);
+BENCHMARK(BM_UpdateLatencyServing)->Arg(0)->Arg(1)->UseManualTime()->Iterations(20000);
 BENCHMARK(BM_ZmqPairLatency)->UseManualTime()->Iterations(20000);
 
 BENCHMARK_MAIN();
