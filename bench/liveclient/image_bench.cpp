@@ -38,6 +38,14 @@ void waitFor(const std::atomic<uint64_t>& counter, uint64_t target) {
     if (spin > 100) std::this_thread::sleep_for(std::chrono::microseconds(20));
 }
 
+// Median and p99 of the passes' times, in microseconds, and their bytes.
+void reportLatency(benchmark::State& state, std::vector<double>& samples) {
+  std::sort(samples.begin(), samples.end());
+  state.counters["median_us"] = samples[samples.size() / 2];
+  state.counters["p99_us"] = samples[std::min(samples.size() - 1, samples.size() * 99 / 100)];
+  state.SetBytesProcessed(int64_t(samples.size() * kPassBytes));
+}
+
 struct Arrivals : KindletControl::ImageConsumer {
   std::atomic<uint64_t> count{0};
   std::atomic<int64_t> at{0};
@@ -106,10 +114,7 @@ void passLatency(benchmark::State& state, bool sameMachine) {
     samples.push_back(seconds * 1e6);
     state.SetIterationTime(seconds);
   }
-  std::sort(samples.begin(), samples.end());
-  state.counters["median_us"] = samples[samples.size() / 2];
-  state.counters["p99_us"] = samples[std::min(samples.size() - 1, samples.size() * 99 / 100)];
-  state.SetBytesProcessed(int64_t(samples.size() * kPassBytes));
+  reportLatency(state, samples);
 }
 void BM_ImagePassInMemoryFile(benchmark::State& state) { passLatency(state, true); }
 void BM_ImagePassThroughSocket(benchmark::State& state) { passLatency(state, false); }
@@ -178,10 +183,7 @@ void BM_ZmqPairPass(benchmark::State& state) {
     samples.push_back(seconds * 1e6);
     state.SetIterationTime(seconds);
   }
-  std::sort(samples.begin(), samples.end());
-  state.counters["median_us"] = samples[samples.size() / 2];
-  state.counters["p99_us"] = samples[std::min(samples.size() - 1, samples.size() * 99 / 100)];
-  state.SetBytesProcessed(int64_t(samples.size() * kPassBytes));
+  reportLatency(state, samples);
   zmq_close(dealer);
   zmq_ctx_term(sendContext);
   zmq_ctx_shutdown(receiveContext);

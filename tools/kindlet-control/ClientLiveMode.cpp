@@ -12,6 +12,7 @@
 #include "RegistryServer.h"
 #include "RenderOptions.h"
 #include "Script.h"
+#include "ScriptReader.h"
 
 namespace KindletControl {
 
@@ -198,7 +199,8 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
 
   std::string text;
   int lineNumber = 0;
-  while (std::getline(script, text)) {
+  ScriptReader lines(script);
+  while (lines.next(text, [&] { registry.poll(5); })) {
     ++lineNumber;
     registry.poll(0);
     long target = 0;

@@ -167,15 +167,17 @@ int runLiveMode(int argc, char** argv) {
     std::cerr << usage;
     return 2;
   }
-  std::ifstream scriptFile;
+  // Lives to the end of the process: the client mode reads it on a thread
+  // that a script which never ends (a pipe, a terminal) leaves behind.
+  static std::ifstream* const scriptFile = new std::ifstream();
   if (!options.script.empty() && options.script != "-") {
-    scriptFile.open(options.script);
-    if (!scriptFile) {
+    scriptFile->open(options.script);
+    if (!*scriptFile) {
       std::cerr << "kindlet-control: cannot read " << options.script << std::endl;
       return 2;
     }
   }
-  std::istream& script = scriptFile.is_open() ? scriptFile : std::cin;
+  std::istream& script = scriptFile->is_open() ? *scriptFile : std::cin;
   if (!options.legacyTcp) return runClientLiveMode(options.client, script);
 
   FileDescriptor controlListener = listenOn(options.controlPort);

@@ -1,0 +1,80 @@
+// Images end to end: kindlet-control --images with two installed kindlets
+// running the path tracer; one is killed mid-render and the other's images
+// keep coming, through the edit that follows.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <OpenImageIO/imageio.h>
+
+#include <thread>
+
+#include "KindletTestSupport.h"
+
+namespace {
+
+// The pass and scene state written into an image file, or -1s.
+std::pair<int, int> passOf(const std::string& path) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) return {-1, -1};
+  const OIIO::ImageSpec& spec = in->spec();
+  return {spec.get_int_attribute("kindlet:pass", -1),
+          spec.get_int_attribute("kindlet:sceneState", -1)};
+}
+
+template <typename Done>
+bool within(int seconds, Done done) {
+  const auto end = kindlettest::Clock::now() + std::chrono::seconds(seconds);
+  while (!done() && kindlettest::Clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return done();
+}
+
+TEST(ImageEndToEnd, AKilledRenderLeavesTheOthersImagesComingThroughTheNextEdit) {
+  kindlettest::TempDir dir;
+  const std::string root = kindlettest::testRoot();
+  const std::string images = dir.file("images");
+  std::vector<std::string> arguments = {
+      root + "/bin/kindlet-control", "--start", "--renders", "2", "--images", images,
+      "--timeout", "60", "--", "-selvaneRoot", root, "-tempDir", dir.path(),
+      "-arbolite3OpTree", root + "/share/kindlet/examples/pathtracer/wuson.optree.json",
+      "-renderer", "pathtracer", "-renderMethodName", "liveRender", "-samples", "100000", "-threads", "1"};
+  // The script is a pipe that the test writes as it goes.
+  const std::string fifo = dir.file("script");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  arguments.insert(arguments.begin() + 1, {"--script", fifo});
+  kindlettest::Child control = kindlettest::spawn(arguments);
+  const int script = open(fifo.c_str(), O_WRONLY);
+  ASSERT_GE(script, 0);
+  std::vector<pid_t> kindlets;
+  while (kindlets.size() < 2) {
+    const auto line = kindlettest::readLine(control.out);
+    ASSERT_TRUE(line) << "kindlet-control ended early";
+    if (line->rfind("kindlet pid ", 0) == 0) kindlets.push_back(std::stoi(line->substr(12)));
+  }
+  const std::string first = images + "/1.beauty.exr", second = images + "/2.beauty.exr";
+  ASSERT_TRUE(within(60, [&] { return passOf(first).first > 2 && passOf(second).first > 2; }));
+
+  kill(kindlets[0], SIGKILL);
+  const int before = passOf(second).first;
+  EXPECT_TRUE(within(30, [&] { return passOf(second).first > before + 2; }));
+  const std::string edit =
+      "update {\"/root/lights/key\": {\"attributes\": {\"material\": {\"params\": "
+      "{\"color\": [1.0, 0.6, 0.4]}}}}}\nsleep 1000\nstop\n";
+  ASSERT_EQ(write(script, edit.data(), edit.size()), ssize_t(edit.size()));
+  close(script);
+  EXPECT_TRUE(within(30, [&] { return passOf(second).second == 1; }));
+
+  const std::string out = kindlettest::readToEnd(control.out);
+  const std::string errors = kindlettest::readToEnd(control.err);
+  const int status = kindlettest::waitFor(control.pid);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 128 + SIGKILL) << out << errors;
+  EXPECT_NE(errors.find("pid " + std::to_string(kindlets[0]) + " is gone"), std::string::npos)
+      << errors;
+  EXPECT_NE(out.find("kindlet exited with status 0"), std::string::npos) << out;
+}
+
+}  // namespace
