@@ -83,7 +83,8 @@ def _jsonObject(message, what):
         raise BadImageMessage(what + " shorter than its header")
     (length,) = struct.unpack_from("<I", message, 1)
     if length != len(message) - 5:
-        raise BadImageMessage("%s claims %d bytes but carries %d" % (what, length, len(message) - 5))
+        raise BadImageMessage("%s claims %d bytes but carries %d"
+                              % (what, length, len(message) - 5))
     try:
         document = json.loads(message[5:].decode("utf-8"), parse_constant=_refuse)
     except ValueError:
@@ -128,9 +129,11 @@ class ImageDescription(object):
             raise BadImageMessage('image %s has the unknown pixel type "%s"'
                                   % (self.name, self.pixelType))
         if not (1 <= self.width <= LARGEST_SIDE and 1 <= self.height <= LARGEST_SIDE):
-            raise BadImageMessage("image %s has a size of %dx%d" % (self.name, self.width, self.height))
+            raise BadImageMessage("image %s has a size of %dx%d"
+                                  % (self.name, self.width, self.height))
         channels = fields["channels"]
-        if not all(isinstance(c, str) and c for c in channels) or len(set(channels)) != len(channels):
+        named = all(isinstance(c, str) and c for c in channels)
+        if not named or len(set(channels)) != len(channels):
             raise BadImageMessage("image %s has a channel without a name of its own" % self.name)
         if not 1 <= len(channels) <= MOST_CHANNELS:
             raise BadImageMessage("image %s has %d channels" % (self.name, len(channels)))
@@ -281,7 +284,8 @@ class ImageReceiver(object):
                                          0 if mapping is not None else description.pixelBytes))
             pixels = description.pixels(message, PASS_HEADER)
         elif mapping is None:
-            raise BadImageMessage("a pass of image %s in a region it has not got" % description.name)
+            raise BadImageMessage("a pass of image %s in a region it has not got"
+                                  % description.name)
         else:
             pixels = description.pixels(mapping, slot * description.slotBytes)
         self._deliver(Image(session=channel.session, sequenceID=channel.sequenceID,
