@@ -363,3 +363,4 @@ class Registry(object):
             except zmq.ZMQError:
                 sys.stderr.write("LiveRenderController: an image connection did not take "
                                  "its answer\n")
+        self._images.callBack()

@@ -306,6 +306,7 @@ class ImageStore(object):
         self.receiver = ImageReceiver(self._arrived)
         self._latest = collections.OrderedDict()   # (pid, session, name) -> Image, oldest first
         self._untaken = collections.OrderedDict()  # the same, only those not taken
+        self._uncalled = []  # passes onImage has not seen yet
 
     def _arrived(self, image):
         key = (image.pid, image.session, image.name)
@@ -313,7 +314,13 @@ class ImageStore(object):
             table.pop(key, None)
             table[key] = image
         if self.onImage is not None:
-            self.onImage(image)
+            self._uncalled.append(image)
+
+    def callBack(self):
+        """Hands onImage what arrived, once the render has its answer: a
+        callback that raises must not leave the render waiting for it."""
+        while self._uncalled:
+            self.onImage(self._uncalled.pop(0))
 
     def take(self):
         """The oldest untaken newest pass, or None."""
