@@ -27,7 +27,13 @@ reads, on every call of this class (poll, waitForSessions, flush, a send). A
 session whose backlog passes `backlogLimit` bytes has stopped reading: it is
 given up with a line on standard error and listed in `givenUp`.
 
-The class is not thread-safe: use one Registry from one thread.
+Images: `Registry(images=["*"], onImage=callable)` asks every render that
+offers them for its renderer's images (or those named) and hands each pass
+over as a NumPy array: to `onImage`, through the iterator `images()` and as
+`latestImage(session, name)`. See LiveRenderImages.
+
+The class is not thread-safe: use one Registry from one thread; `onImage` is
+called on it, from within poll and the calls that poll.
 """
 
 import collections
@@ -40,6 +46,8 @@ import sys
 import time
 
 import zmq
+
+import LiveRenderImages
 
 __all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND",
            "REGION", "SHARED_UPDATE"]
@@ -114,7 +122,8 @@ class Session(object):
 class Registry(object):
     """The service registry: one routing socket bound at host:port."""
 
-    def __init__(self, port=0, host="127.0.0.1", backlogLimit=256 << 20):
+    def __init__(self, port=0, host="127.0.0.1", backlogLimit=256 << 20, images=None,
+                 onImage=None):
         self._context = zmq.Context()
         self._socket = self._context.socket(zmq.ROUTER)
         # A full connection refuses a message (which then waits in the
@@ -130,6 +139,8 @@ class Registry(object):
         self.backlogLimit = backlogLimit
         # Shared memory reaches only clients on this machine.
         self._local = host.startswith("127.") or host == "localhost"
+        # The names of the images to ask for ("*": all), what came of them.
+        self._images = LiveRenderImages.ImageStore(images, onImage)
 
     def close(self, flushTimeout=2.0):
         """Gives the backlogs up to `flushTimeout` seconds to leave, then
@@ -142,6 +153,7 @@ class Registry(object):
                                      "before the registry closed\n" % (session, len(session.backlog)))
         for session in list(self.sessions):
             self._forget(session)
+        self._images.receiver.close()
         self._socket.close()
         self._context.term()
 
@@ -267,8 +279,12 @@ class Registry(object):
         self._forget(session)
         self.givenUp.append(session)
 
-    def _forget(self, session):
+    def _forget(self, session, reregistered=False):
         self.sessions.remove(session)
+        # A session registered again keeps its images: its new image
+        # connection may have greeted before the registration came.
+        if not reregistered:
+            self._images.receiver.forget(session.pid, session.name)
         if session.ring:
             session.ring.close()
             session.ring = None
@@ -282,7 +298,7 @@ class Registry(object):
                 return
             # A client that reconnected registers again under a new identity.
             for old in [s for s in self.sessions if (s.pid, s.name) == (session.pid, session.name)]:
-                self._forget(old)
+                self._forget(old, reregistered=True)
             self.sessions.append(session)
             if self._sendTo(session, bytes([REGISTERED])) and session.sharedRegions and self._local:
                 ring = PayloadRing()
@@ -291,6 +307,9 @@ class Registry(object):
                     session.ring = ring
                 else:
                     ring.close()
+            session.sendsImages = registration.get("images") is True
+            if session in self.sessions and session.sendsImages and self._images.wanted:
+                self._sendTo(session, LiveRenderImages.imagesWanted(self._images.wanted))
         elif message[0] == REGION_MAPPED:
             for session in self.sessions:
                 if session.identity == identity and session.ring:
@@ -301,3 +320,47 @@ class Registry(object):
                     self._forget(session)
                     self.ended.append(session)
                     break
+        elif LiveRenderImages.IMAGE_HELLO <= message[0] <= LiveRenderImages.IMAGE_CLOSE:
+            self._handleImageMessage(identity, message)
+
+    # Images (LiveRenderImages).
+
+    def wantImages(self, names):
+        """Asks every session that offers images for these ("*": all; an
+        empty list: none) from now on."""
+        self._images.wanted = [names] if isinstance(names, str) else list(names)
+        for session in list(self.sessions):
+            if getattr(session, "sendsImages", False):
+                self._sendTo(session, LiveRenderImages.imagesWanted(self._images.wanted))
+
+    def images(self, timeout=None):
+        """Yields the images' passes as they arrive, each image's newest only
+        (a pass replaced before it was taken is never yielded), oldest image
+        first, serving the registry meanwhile. Ends once nothing new has come
+        for `timeout` seconds (None: never)."""
+        while True:
+            self.poll(0)
+            deadline = None if timeout is None else time.monotonic() + timeout
+            image = self._images.take()
+            while image is None:
+                if deadline is not None and time.monotonic() >= deadline:
+                    return
+                self.poll(0.005)
+                image = self._images.take()
+            yield image
+
+    def latestImage(self, session, name):
+        """The newest pass of image `name` of `session` (a Session, or a
+        sequence ID: then of its session that sent one last) that has
+        arrived, taken or not, also after the session ended; None before."""
+        return self._images.latest(session, name)
+
+    def _handleImageMessage(self, identity, message):
+        answer = self._images.receiver.handle(identity, message)
+        if answer is not None:
+            try:
+                self._socket.send_multipart([identity, answer], zmq.NOBLOCK)
+            except zmq.ZMQError:
+                sys.stderr.write("LiveRenderController: an image connection did not take "
+                                 "its answer\n")
+        self._images.callBack()
