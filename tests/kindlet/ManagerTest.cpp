@@ -44,8 +44,8 @@ ControlCommandRecord recordOf(const std::string& bytes) {
 
 const char kStop[] = "stopLiveEditing";
 
-// Pokes with a command until the loop answers with a turn: a wake-up that
-// finds no waiter is lost, so one poke alone could go unseen.
+// Pokes with a command until the loop answers with a turn: deliveries before
+// the loop has begun wait for a later one, so one poke alone could go unseen.
 bool pokeUntilTurn(Manager& manager, TestPlugin& plugin) {
   for (int attempt = 0; attempt < 400; ++attempt) {
     const size_t before = plugin.count("hasQueuedUpdates");
@@ -56,17 +56,11 @@ bool pokeUntilTurn(Manager& manager, TestPlugin& plugin) {
   return false;
 }
 
-// Delivers `update` and pokes until the loop has applied it: the update's own
-// wake-up is lost if the loop was between turns.
+// Delivers `update` to a running loop and waits until it has been applied.
 bool deliverUntilApplied(Manager& manager, TestPlugin& plugin, const GroupAttribute& update) {
   const size_t before = plugin.count("applyQueuedUpdates");
   manager.processLiveRenderUpdate(update);
-  for (int attempt = 0; attempt < 400; ++attempt) {
-    if (plugin.waitForCount("applyQueuedUpdates", before + 1, std::chrono::milliseconds(25)))
-      return true;
-    manager.processControlCommand(std::string("poke"));
-  }
-  return false;
+  return plugin.waitForCount("applyQueuedUpdates", before + 1);
 }
 
 // The calls without the test's own pokes, which may land anywhere.
@@ -209,6 +203,20 @@ TEST(LiveLoop, FloodDuringOneLongApplyGivesOneFurtherTurn) {
   // plug-in's "no" (0x100) has high bits set, and only the low byte counts.
   EXPECT_EQ(plugin.callsOf("applyQueuedUpdates"),
             (std::vector<std::string>{"applyQueuedUpdates 1", "applyQueuedUpdates 20"}));
+}
+
+TEST(LiveLoop, AnUpdateDeliveredDuringAnApplyIsAppliedWithNoFurtherMessage) {
+  TestPlugin plugin;
+  Manager manager(plugin.handle(), plugin.suite(), "", 0, 0, 0);
+  LiveRender render(manager);
+  ASSERT_TRUE(pokeUntilTurn(manager, plugin));
+  plugin.holdApply();
+  ASSERT_TRUE(deliverUntilApplied(manager, plugin, group({{"drag", text("1")}})));
+  manager.processLiveRenderUpdate(group({{"drag", text("final")}}));
+  plugin.releaseApply();
+  // The end of a drag: nothing else arrives, and the final position is applied all the same.
+  EXPECT_TRUE(plugin.waitForCount("applyQueuedUpdates", 2, std::chrono::seconds(2)));
+  EXPECT_EQ(plugin.callsOf("applyQueuedUpdates").back(), "applyQueuedUpdates 1");
 }
 
 TEST(LiveLoop, StopDoesNotDrainAndLaterDeliveriesStillReachThePlugin) {
