@@ -1,12 +1,17 @@
 // The renderer in-process, against answers known without it: radiance in a
 // uniform dome, irradiance from a point light, triangle counts of sample
 // files, and what live updates do to the next pass.
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <thread>
 
 #include "CameraRays.h"
+#include "ImageFile.h"
 #include "MeshFile.h"
 #include "Renderer.h"
 #include "XoScenegraph/AttributeJson.h"
@@ -275,4 +280,35 @@ TEST_F(LiveRender, NoUpdateIsLostDuringAPass) {
     ASSERT_NE(location, nullptr) << t;
     EXPECT_EQ(IntAttribute(location->attributes.getChildByName("n")).getValue(), kPerThread - 1);
   }
+}
+
+// A file system that takes no more than 64 bytes of a file: a writer that
+// buffers everything fails only when it flushes at its close. The failure is
+// reported with its reason, the old image stays and no temporary is left.
+TEST(ImageFile, AWriteThatFailsAtTheEndIsReportedAndTheOldImageStays) {
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() /
+                                       ("image-close-" + std::to_string(::getpid()));
+  std::filesystem::create_directory(folder);
+  const std::string path = (folder / "out.png").string();
+  const std::vector<float> pixels(16 * 16 * 3, 0.5f);
+  std::string error;
+  ASSERT_TRUE(writeImageAtomically(path, 16, 16, pixels, error)) << error;
+  const auto before = std::filesystem::file_size(path);
+
+  struct rlimit saved;
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  const struct rlimit small = {64, saved.rlim_max};
+  void (*previous)(int) = ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  const bool written = writeImageAtomically(path, 16, 16, pixels, error);
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  ::signal(SIGXFSZ, previous);
+
+  EXPECT_FALSE(written);
+  EXPECT_FALSE(error.empty());
+  EXPECT_EQ(std::filesystem::file_size(path), before);
+  size_t files = 0;
+  for (std::filesystem::directory_iterator it(folder), end; it != end; ++it) ++files;
+  EXPECT_EQ(files, 1u);
+  std::filesystem::remove_all(folder);
 }

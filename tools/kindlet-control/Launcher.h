@@ -60,6 +60,7 @@ class Launcher {
   bool started_ = false;
   bool failedToStart_ = false;
   int pid_ = -1;
+  long long created_ = -1;  // kindlet's creation time, as its report's name has it
 };
 
 // kindlet's end on standard output (once): "kindlet exited with status N" or
