@@ -135,6 +135,17 @@ TEST(FarmLocal, UsageErrors) {
     EXPECT_EQ(result.exitStatus, 2) << arguments[1];
     EXPECT_NE(result.err.find("usage: kindlet-farm"), std::string::npos);
   }
+  // Frame lists kindlet would read leniently: refused, the token named.
+  const std::pair<const char*, const char*> lists[] = {
+      {"1..12", "\"1..12\"\n"}, {"1-x", "\"1-x\"\n"}, {"3-", "\"3-\"\n"},
+      {"1-3,x", "\"x\"\n"}, {"x,2", "\"x\"\n"}, {"5-3", "\"5-3\"\n"}, {"1,,2", "\"\"\n"},
+      {"0-2000000000", "more than 1000000 frames (at \"0-2000000000\")"}};
+  for (const auto& list : lists) {
+    const auto result = kindlettest::run(
+        farmPath(), {farmPath(), "--", "-arbolite3OpTree", "a.*.json", "-t", list.first});
+    EXPECT_EQ(result.exitStatus, 2) << list.first;
+    EXPECT_NE(result.err.find(list.second), std::string::npos) << result.err;
+  }
 }
 
 namespace {

@@ -1,5 +1,7 @@
 #include "FarmOptions.h"
 
+#include "StrictFrameList.h"
+
 #include <sched.h>
 
 #include <algorithm>
@@ -127,6 +129,9 @@ bool parseFarmOptions(const std::vector<std::string>& arguments, FarmOptions& op
     error = "kindlet's options need a frame list -t";
     return false;
   }
+  // kindlet passes over what it cannot read; the farm refuses it, so that no
+  // frame the user meant is silently left out.
+  if (!parseStrictFrameList(options.frames, options.frameNumbers, error)) return false;
   if (options.parallel == 0) options.parallel = availableCpus();
   if (options.threads == 0) {
     options.threads = options.mode == Mode::Slurm ? options.cpusPerTask

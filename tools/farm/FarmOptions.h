@@ -29,6 +29,7 @@ struct FarmOptions {
   std::vector<std::string> kindletOptions;
   std::string pattern;
   std::string frames;
+  std::vector<int> frameNumbers;  // what `frames` names, in order
 };
 
 extern const char farmUsage[];
