@@ -121,6 +121,53 @@ TEST(FarmLocal, KilledKindletIsRetriedForTheFramesItHadNotRendered) {
   EXPECT_NE(result.out.find("6 of 6 frames rendered"), std::string::npos);
 }
 
+TEST(FarmLocal, AFrameCountsOnlyWithItsOutputsWrittenByItsAttempt) {
+  TempDir dir;
+  // Frames 1 and 2 write the expected image; 3 writes elsewhere; 4 too, and
+  // its expected image is an old one.
+  for (int frame = 1; frame <= 4; ++frame) {
+    const std::string output = dir.file(frame <= 2 ? "img.####.png" : "elsewhere.png");
+    dir.write("shot.00000" + std::to_string(frame) + ".optree.json",
+              R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": {"resolution": [4, 4],
+                  "samples": 1, "frame": )" + std::to_string(frame) + R"(, "output": ")" + output + R"("}},
+                  "children": [{"name": "cam", "type": "camera"}]}})");
+  }
+  dir.write("img.0004.png", "old");
+  const auto result = kindlettest::run(
+      farmPath(), {farmPath(), "--job-dir", dir.file("job"), "--chunk-size", "2", "--retries", "0",
+                   "--expect-output", dir.file("img.####.png"), "--", "-selvaneRoot", kindlettest::testRoot(),
+                   "-tempDir", dir.path(), "-renderer", "pathtracer", "-renderMethodName", "diskRender",
+                   "-arbolite3OpTree", dir.file("shot.*.optree.json"), "-t", "1-4"});
+  EXPECT_EQ(result.exitStatus, 1) << result.err;
+  EXPECT_EQ(row(result.out, 1).at(1) + row(result.out, 2).at(1), "renderedrendered") << result.out;
+  EXPECT_NE(result.out.find("output " + dir.file("img.0003.png") + " is missing"), std::string::npos);
+  EXPECT_NE(result.out.find("output " + dir.file("img.0004.png") + " was not written by this attempt"),
+            std::string::npos) << result.out;
+}
+
+// A node that lacks a frame's Op tree file: kindlet would pass over it without
+// a word and number the rest from 1.
+TEST(FarmLocal, ATaskGivesKindletOnlyTheFramesWhoseFileItSees) {
+  TempDir dir;
+  writeFrames(dir, 3);
+  std::remove(dir.file("shot.000002.optree.json").c_str());
+  Farm::Job job;
+  job.root = kindlettest::testRoot();
+  job.kindletOptions = {"-selvaneRoot", job.root, "-tempDir", dir.path(), "-renderer", "recording",
+                        "-renderMethodName", "diskRender", "-arbolite3OpTree", dir.file("shot.*.optree.json")};
+  job.chunks = {{1, 2, 3}};
+  Farm::writeJob(dir.path(), job);
+  Farm::prepareAttempt(dir.path(), 0, 1, {1, 2, 3});
+  const auto result = kindlettest::run(farmPath(), {farmPath(), "task", dir.path(), "0", "1"});
+  EXPECT_EQ(result.exitStatus, 1) << result.err;
+  Farm::ChunkStatus status;
+  ASSERT_TRUE(Farm::readChunkStatus(Farm::chunkAttemptDir(dir.path(), 0, 1), status));
+  ASSERT_EQ(status.frames.size(), 3u);
+  EXPECT_TRUE(status.frames[0].rendered && status.frames[2].rendered);
+  EXPECT_FALSE(status.frames[1].rendered);
+  EXPECT_EQ(status.frames[1].note.rfind("no Op tree file " + dir.file("shot.000002.optree.json"), 0), 0u);
+}
+
 TEST(FarmLocal, UsageErrors) {
   TempDir dir;
   const std::vector<std::vector<std::string>> cases = {

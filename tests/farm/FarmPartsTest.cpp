@@ -52,7 +52,7 @@ TEST(FarmJobState, RetryRendersOnlyWhatTheFailedAttemptDidNotAndStopsAtTheLimit)
   status.host = "n1";
   status.finished = true;
   status.exitStatus = 137;
-  status.frames = {{1, true, 2.5}, {2, false, 0}, {3, false, 0}};
+  status.frames = {{1, true, 2.5, ""}, {2, false, 0, ""}, {3, false, 0, ""}};
   writeChunkStatus(chunkAttemptDir(dir.path(), 0, 1), status);
   state.finishAttempt(0, 1, -1, "");
 

@@ -19,6 +19,8 @@ const char farmUsage[] =
     "                        (default: the root this program is installed in)\n"
     "  --threads N           -threads of each kindlet (default: local CPUs / parallel,\n"
     "                        slurm --cpus-per-task)\n"
+    "  --expect-output PATH  a file each frame writes, # runs for the frame number; a\n"
+    "                        frame counts only when it is new and whole; may be repeated\n"
     "local mode:\n"
     "  --parallel N          chunks at once (default: the CPU count)\n"
     "slurm mode (one sbatch --array job, failed chunks resubmitted):\n"
@@ -86,6 +88,9 @@ bool parseFarmOptions(const std::vector<std::string>& arguments, FarmOptions& op
       options.partition = value;
     } else if (name == "--max-running") {
       good = parsePositive(value, 1, options.maxRunning);
+    } else if (name == "--expect-output") {
+      good = value.find('#') != std::string::npos;
+      options.expectedOutputs.push_back(value);
     } else if (name == "--sbatch-option") {
       options.sbatchOptions.push_back(value);
     } else if (name == "--poll") {

@@ -78,7 +78,7 @@ void JobState::finishAttempt(int chunk, int attempt, int exitStatus, const std::
       result->seconds = record.seconds;
       result->note.clear();
     } else {
-      result->note = why;
+      result->note = why.empty() ? record.note : why;
     }
   }
   if (known) return;

@@ -100,6 +100,8 @@ int main(int argc, char** argv) {
   job.root = options.root;
   job.kindletOptions = options.kindletOptions;
   job.threads = options.threads;
+  for (const std::string& output : options.expectedOutputs)
+    job.expectedOutputs.push_back(fs::absolute(output).string());
   job.chunks = splitIntoChunks(present, options.chunkSize);
   try {
     fs::create_directories(jobDir);
