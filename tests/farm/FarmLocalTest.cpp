@@ -11,6 +11,8 @@
 #include <regex>
 #include <sstream>
 
+#include <boost/filesystem/operations.hpp>
+
 #include "ChunkStatus.h"
 #include "Job.h"
 #include "KindletTestSupport.h"
@@ -192,6 +194,55 @@ TEST(FarmLocal, UsageErrors) {
         farmPath(), {farmPath(), "--", "-arbolite3OpTree", "a.*.json", "-t", list.first});
     EXPECT_EQ(result.exitStatus, 2) << list.first;
     EXPECT_NE(result.err.find(list.second), std::string::npos) << result.err;
+  }
+}
+
+// Slurm mode against scheduler commands of the test's own (no other program
+// is on PATH): the first sbatch is accepted but times out, and squeue knows
+// the job by its name; or sbatch hangs until the driver is told to stop; or
+// there is no sbatch at all.
+TEST(FarmSlurm, ASubmissionIsMadeOnceRunsOnlyWhileWantedAndCountsOnlyWhatHappened) {
+  TempDir dir;
+  writeFrames(dir, 2);
+  boost::filesystem::create_directory(dir.file("bin"));
+  dir.write("bin/sbatch", "#!/bin/sh\necho \"$PPID\" >> \"$FAKE/sbatch.calls\"\n"
+                          "[ \"$FAKE_HANG\" = 1 ] && exec /bin/sleep 30\n"
+                          "for a; do case \"$a\" in --job-name=*) echo \"${a#--job-name=}\" > \"$FAKE/name\";; esac; done\n"
+                          "echo 'sbatch: error: Socket timed out on send/recv operation' >&2; exit 1\n");
+  dir.write("bin/squeue", "#!/bin/sh\nread -r name < \"$FAKE/name\"\n"
+                          "for a; do [ \"$a\" = \"--name=$name\" ] && echo 77; done; exit 0\n");
+  for (const char* name : {"bin/sbatch", "bin/squeue"})
+    boost::filesystem::permissions(dir.file(name), boost::filesystem::owner_all);
+  struct Case {
+    std::map<std::string, std::string> environment;
+    int status;
+    size_t submissions;
+    const char* seen;
+  };
+  const Case cases[] = {
+      {{{"PATH", dir.file("bin")}}, 1, 1, "was accepted after all; it is not submitted again"},
+      {{{"PATH", dir.file("bin")}, {"FAKE_HANG", "1"}}, 128 + SIGTERM, 1, "interrupted by a stop request"},
+      {{{"PATH", dir.file("none")}}, 1, 0, "0 kindlet runs"},
+  };
+  for (const Case& c : cases) {
+    std::remove(dir.file("sbatch.calls").c_str());
+    boost::filesystem::remove_all(dir.file("job"));
+    auto environment = c.environment;
+    environment["FAKE"] = dir.path();
+    bool stopped = false;
+    auto stopDuringSbatch = [&] {
+      const auto calls = kindlettest::readLines(dir.file("sbatch.calls"));
+      if (!calls.empty() && !stopped) stopped = kill(std::stoi(calls[0]), SIGTERM) == 0;
+      return false;
+    };
+    const auto result = kindlettest::run(
+        farmPath(), farmArguments(dir, {"--mode", "slurm", "--retries", "0", "--poll", "0.1"}, "1-2"), environment,
+        std::chrono::seconds(20), c.environment.count("FAKE_HANG") ? stopDuringSbatch : kindlettest::KillCondition());
+    SCOPED_TRACE(c.seen);
+    EXPECT_EQ(result.exitStatus, c.status) << result.out << result.err;
+    EXPECT_EQ(kindlettest::readLines(dir.file("sbatch.calls")).size(), c.submissions);
+    EXPECT_NE((result.out + result.err).find(c.seen), std::string::npos) << result.out << result.err;
+    EXPECT_EQ(result.out.find("attempt-1/log"), std::string::npos) << result.out;
   }
 }
 
