@@ -92,25 +92,20 @@ TEST(DescriptorHelpers, FlagsPairsAndSockets) {
   EXPECT_THROW(setNonBlocking(closed, true), boost::system::system_error);
 }
 
-// A fork on another thread while pipes are being made: the child's copy of
-// the descriptor table must hold no pipe that an exec would keep open.
+// A fork on another thread while pipes are made: the child must hold no pipe
+// end that an exec would keep open (only async-signal-safe calls in it).
 TEST(DescriptorHelpers, AForkDuringCreatePipeInheritsNoEnd) {
-  // Only async-signal-safe calls (fcntl, fstat): the child of a threaded
-  // process runs this too.
   auto inheritablePipe = [](int fd) {
     struct stat info;
     const int flags = ::fcntl(fd, F_GETFD);
-    return flags >= 0 && (flags & FD_CLOEXEC) == 0 && ::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+    return flags >= 0 && !(flags & FD_CLOEXEC) && ::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
   };
   std::set<int> before;
   for (int fd = 3; fd < 1024; ++fd)
     if (inheritablePipe(fd)) before.insert(fd);
   std::atomic<bool> done{false};
   std::thread maker([&] {
-    while (!done.load()) {
-      FileDescriptor readEnd, writeEnd;
-      createPipe(readEnd, writeEnd);
-    }
+    for (FileDescriptor readEnd, writeEnd; !done.load();) createPipe(readEnd, writeEnd);
   });
   int leaks = 0;
   for (int i = 0; i < 300; ++i) {
