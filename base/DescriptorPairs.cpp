@@ -1,9 +1,9 @@
 #include "base/DescriptorPairs.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "base/DescriptorFlags.h"
 #include "base/SystemError.h"
 
 namespace Arbolite3 {
@@ -11,15 +11,11 @@ namespace Base {
 
 void createPipe(FileDescriptor& readEnd, FileDescriptor& writeEnd) {
   int fds[2];
-  if (::pipe(fds) != 0) throwErrno();
-  // Held locally so that a failure below closes both ends and leaves the
-  // outputs as they were.
-  FileDescriptor reader(fds[0]);
-  FileDescriptor writer(fds[1]);
-  setInheritable(reader.get(), false);
-  setInheritable(writer.get(), false);
-  readEnd = std::move(reader);
-  writeEnd = std::move(writer);
+  // Close-on-exec from birth: a fork on another thread must never find the
+  // ends inheritable, or its child would hold them open across exec.
+  if (::pipe2(fds, O_CLOEXEC) != 0) throwErrno();
+  readEnd.reset(fds[0]);
+  writeEnd.reset(fds[1]);
 }
 
 void createSocketPair(FileDescriptor& first, FileDescriptor& second) {

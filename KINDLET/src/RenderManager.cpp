@@ -57,7 +57,6 @@ Manager::Manager(XoRendererPluginHandle pluginHandle_, XoRendererPluginSuite* pl
                  long sequenceID_)
     : pluginHandle(pluginHandle_),
       pluginSuite(pluginSuite_),
-      liveRenderState(0),
       host(host_),
       portControl(portControl_),
       portData(portData_) {
@@ -136,11 +135,17 @@ int32_t Manager::render(const std::string& renderMethodType) {
     CALL_SLOT(startLiveEditing);
     logDebug("Call of renderPlugin.startLiveEditing() returned.", __LINE__);
 
-    // After startLiveEditing: a stop that came earlier is overwritten.
-    storeLiveRenderState(1);
+    // After startLiveEditing: a stop that came earlier is overwritten, and
+    // what was delivered until now waits for the next delivery.
+    uint64_t seen;
+    {
+      std::lock_guard<std::mutex> lock(wakeMutex);
+      seen = deliveries;
+    }
+    liveRenderState.store(1);
 
     logDebug("Entering Live Render loop...", __LINE__);
-    runLiveRenderLoop();
+    runLiveRenderLoop(seen);
     logDebug("Exited Live Render loop.", __LINE__);
 
     logDebug("Calling renderPlugin.stopLiveEditing()...", __LINE__);
@@ -154,26 +159,28 @@ int32_t Manager::render(const std::string& renderMethodType) {
   return 0;
 }
 
-void Manager::runLiveRenderLoop() {
-  while (loadLiveRenderState() == 1) {
-    std::unique_lock<std::mutex> lock(wakeMutex);
-    // No predicate and no time-out: every delivery wakes us, and a spurious
-    // wake-up costs one more question to the plug-in.
-    wakeCondition.wait(lock);
-    if (loadLiveRenderState() == 1) {
+void Manager::runLiveRenderLoop(uint64_t seen) {
+  while (liveRenderState.load() == 1) {
+    {
+      // The count is the wait's condition: deliveries that came while the
+      // plug-in was applying give one more turn instead of waiting for the
+      // next message. However many came, a turn asks and applies once.
+      std::unique_lock<std::mutex> lock(wakeMutex);
+      wakeCondition.wait(lock, [&] { return deliveries != seen; });
+      seen = deliveries;
+    }
+    if (liveRenderState.load() == 1) {
       if ((CALL_SLOT(hasQueuedUpdates) & 0xff) != 0) CALL_SLOT(applyQueuedUpdates);
     }
   }
 }
 
-void Manager::wake() { wakeCondition.notify_one(); }
-
-__attribute__((noinline)) int32_t Manager::loadLiveRenderState() const {
-  return liveRenderState;
-}
-
-__attribute__((noinline)) void Manager::storeLiveRenderState(int32_t value) {
-  liveRenderState = value;
+void Manager::wake() {
+  {
+    std::lock_guard<std::mutex> lock(wakeMutex);
+    ++deliveries;
+  }
+  wakeCondition.notify_one();
 }
 
 void Manager::processLiveRenderData(const char* data, size_t length) {
@@ -228,7 +235,7 @@ void Manager::processControlCommand(ControlCommandRecord record) {
   if (record.text[0] == '\0') return;  // an empty command does not even wake
   // The comparisons include the terminator: only the exact words match.
   if (std::memcmp(record.text, "stopLiveEditing", 16) == 0) {
-    storeLiveRenderState(2);
+    liveRenderState.store(2);
   } else if (std::memcmp(record.text, "pauseRerender", 14) == 0) {
     if (kindletLog().warnEnabled()) {
       kindletLog().warn("Live Render control command 'pauseRerender' is deprecated.", kSource,

@@ -51,24 +51,23 @@ class Manager {
   static void release(Manager* manager);
 
  private:
-  void runLiveRenderLoop();
+  // `seen` is the delivery count the loop has already answered.
+  void runLiveRenderLoop(uint64_t seen);
   void wake();
-  // The state is a plain integer shared between threads by design; these two
-  // are its only readers and writers, so a race detector can be told about
-  // exactly this access and nothing else.
-  int32_t loadLiveRenderState() const;
-  void storeLiveRenderState(int32_t value);
 
   XoRendererPluginHandle pluginHandle;
   XoRendererPluginSuite* pluginSuite;
-  int32_t liveRenderState;  // 0 none yet, 1 loop runs, 2 stop requested
+  std::atomic<int32_t> liveRenderState{0};  // 0 none yet, 1 loop runs, 2 stop requested
   std::string host;
   uint16_t portControl;
   uint16_t portData;
   std::string sequenceID;
   std::ofstream updateDebugFile;
   std::condition_variable wakeCondition;
-  std::mutex wakeMutex;  // taken by the live-render loop alone
+  std::mutex wakeMutex;  // guards the hand-over of `deliveries` to the loop's wait
+  // Deliveries that woke the loop so far. The loop sleeps only while it has
+  // seen them all, so a wake-up that found it busy in the plug-in is not lost.
+  uint64_t deliveries = 0;
   std::atomic<bool> readersAttached{false};
   std::atomic<bool> pluginReleased{false};  // teardown done: deliveries are dropped
   // Deliveries inside the plug-in right now; release() waits for them to

@@ -31,6 +31,24 @@ void appendToPathKey(const char* key, const std::string& entry) {
   Config().set(key, pystring::join(":", items));
 }
 
+// os.environ[key] = value, the value handed over as data: no text of it
+// ever becomes code, whatever quotes or statements it holds. On failure the
+// Python error is printed and false returned.
+bool setInEnviron(const char* key, const std::string& value) {
+  PyObject* os = PyImport_ImportModule("os");
+  PyObject* environ = os != nullptr ? PyObject_GetAttrString(os, "environ") : nullptr;
+  PyObject* text = PyUnicode_DecodeFSDefaultAndSize(value.data(), static_cast<Py_ssize_t>(value.size()));
+  PyObject* name = PyUnicode_FromString(key);
+  const bool set = environ != nullptr && text != nullptr && name != nullptr &&
+                   PyObject_SetItem(environ, name, text) == 0;
+  if (!set) PyErr_Print();
+  Py_XDECREF(name);
+  Py_XDECREF(text);
+  Py_XDECREF(environ);
+  Py_XDECREF(os);
+  return set;
+}
+
 }  // namespace
 
 void splitPathList(const std::string& list, std::vector<std::string>& out) {
@@ -122,9 +140,7 @@ void bootstrapInterpreter(const std::string& root) {
 
     const std::string joined = pystring::join(":", kept);
     Config().set("SELVANE_INTERNAL_PYTHONPATH", joined);
-    const std::string script =
-        "import os\nos.environ['SELVANE_INTERNAL_PYTHONPATH'] = '" + joined + "'";
-    if (PyRun_SimpleStringFlags(script.c_str(), nullptr) == -1 &&
+    if (!setInEnviron("SELVANE_INTERNAL_PYTHONPATH", joined) &&
         getBootstrapLogger().errorEnabled()) {
       getBootstrapLogger().error(
           "Error setting SELVANE_INTERNAL_PYTHONPATH in `os.environ`.",

@@ -1,8 +1,11 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <set>
@@ -87,6 +90,37 @@ TEST(DescriptorHelpers, FlagsPairsAndSockets) {
   errno = 0;
   EXPECT_FALSE(isSocket(closed));
   EXPECT_THROW(setNonBlocking(closed, true), boost::system::system_error);
+}
+
+// A fork on another thread while pipes are made: the child must hold no pipe
+// end that an exec would keep open (only async-signal-safe calls in it).
+TEST(DescriptorHelpers, AForkDuringCreatePipeInheritsNoEnd) {
+  auto inheritablePipe = [](int fd) {
+    struct stat info;
+    const int flags = ::fcntl(fd, F_GETFD);
+    return flags >= 0 && !(flags & FD_CLOEXEC) && ::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+  };
+  std::set<int> before;
+  for (int fd = 3; fd < 1024; ++fd)
+    if (inheritablePipe(fd)) before.insert(fd);
+  std::atomic<bool> done{false};
+  std::thread maker([&] {
+    for (FileDescriptor readEnd, writeEnd; !done.load();) createPipe(readEnd, writeEnd);
+  });
+  int leaks = 0;
+  for (int i = 0; i < 300; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      for (int fd = 3; fd < 1024; ++fd)
+        if (inheritablePipe(fd) && before.count(fd) == 0) ::_exit(1);
+      ::_exit(0);
+    }
+    int status = 1;
+    if (child < 0 || ::waitpid(child, &status, 0) != child || status != 0) ++leaks;
+  }
+  done.store(true);
+  maker.join();
+  EXPECT_EQ(leaks, 0);
 }
 
 TEST(Environment, UnsetEmptyAndValue) {

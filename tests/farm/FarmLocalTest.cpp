@@ -11,6 +11,8 @@
 #include <regex>
 #include <sstream>
 
+#include <boost/filesystem/operations.hpp>
+
 #include "ChunkStatus.h"
 #include "Job.h"
 #include "KindletTestSupport.h"
@@ -121,19 +123,102 @@ TEST(FarmLocal, KilledKindletIsRetriedForTheFramesItHadNotRendered) {
   EXPECT_NE(result.out.find("6 of 6 frames rendered"), std::string::npos);
 }
 
+// One attempt through the task, as a node runs it: frame 2's Op tree file is
+// not there (kindlet would pass over it without a word and number the rest
+// from 1), frame 3 writes its image elsewhere, frame 4 too and its expected
+// image is an old one. Only frame 1 counts.
+TEST(FarmLocal, AFrameCountsOnlyWithItsOwnFileRenderedAndItsOutputsNew) {
+  TempDir dir;
+  for (int frame : {1, 3, 4}) {
+    const std::string output = dir.file(frame == 1 ? "img.####.png" : "elsewhere.png");
+    dir.write("shot.00000" + std::to_string(frame) + ".optree.json",
+              R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": {"resolution": [4, 4],
+                  "samples": 1, "frame": )" + std::to_string(frame) + R"(, "output": ")" + output + R"("}},
+                  "children": [{"name": "cam", "type": "camera"}]}})");
+  }
+  dir.write("img.0004.png", "old");
+  Farm::Job job;
+  job.root = kindlettest::testRoot();
+  job.kindletOptions = {"-selvaneRoot", job.root, "-tempDir", dir.path(), "-renderer", "pathtracer",
+                        "-renderMethodName", "diskRender", "-arbolite3OpTree", dir.file("shot.*.optree.json")};
+  job.expectedOutputs = {dir.file("img.####.png")};
+  job.chunks = {{1, 2, 3, 4}};
+  Farm::writeJob(dir.path(), job);
+  Farm::prepareAttempt(dir.path(), 0, 1, job.chunks[0]);
+  EXPECT_EQ(kindlettest::run(farmPath(), {farmPath(), "task", dir.path(), "0", "1"}).exitStatus, 1);
+  Farm::ChunkStatus status;
+  ASSERT_TRUE(Farm::readChunkStatus(Farm::chunkAttemptDir(dir.path(), 0, 1), status));
+  std::vector<std::string> outcomes;
+  for (const auto& frame : status.frames)
+    outcomes.push_back(frame.rendered ? "rendered" : frame.note.substr(0, frame.note.find(" on ")));
+  EXPECT_EQ(outcomes, (std::vector<std::string>{"rendered", "no Op tree file " + dir.file("shot.000002.optree.json"),
+                                                "output " + dir.file("img.0003.png") + " is missing",
+                                                "output " + dir.file("img.0004.png") + " was not written by this attempt"}));
+}
+
 TEST(FarmLocal, UsageErrors) {
   TempDir dir;
   const std::vector<std::vector<std::string>> cases = {
       {farmPath(), "--mode", "cloud", "--", "-arbolite3OpTree", "a.*.json", "-t", "1"},
       {farmPath(), "--", "-arbolite3OpTree", "a.json", "-t", "1"},
       {farmPath(), "--", "-arbolite3OpTree", "a.*.json"},
-      {farmPath(), "--", "-arbolite3OpTree", "a.*.json", "-t", "x"},
       {farmPath(), "-arbolite3OpTree", "a.*.json", "-t", "1"},
   };
   for (const auto& arguments : cases) {
     const auto result = kindlettest::run(farmPath(), arguments);
     EXPECT_EQ(result.exitStatus, 2) << arguments[1];
     EXPECT_NE(result.err.find("usage: kindlet-farm"), std::string::npos);
+  }
+  // Frame lists kindlet would read leniently: refused, the token named.
+  const std::pair<const char*, const char*> lists[] = {
+      {"1..12", "\"1..12\"\n"}, {"1-x", "\"1-x\"\n"}, {"3-", "\"3-\"\n"},
+      {"1-3,x", "\"x\"\n"}, {"x,2", "\"x\"\n"}, {"5-3", "\"5-3\"\n"}, {"1,,2", "\"\"\n"},
+      {"0-2000000000", "more than 1000000 frames (at \"0-2000000000\")"}};
+  for (const auto& list : lists) {
+    const auto result = kindlettest::run(
+        farmPath(), {farmPath(), "--", "-arbolite3OpTree", "a.*.json", "-t", list.first});
+    EXPECT_EQ(result.exitStatus, 2) << list.first;
+    EXPECT_NE(result.err.find(list.second), std::string::npos) << result.err;
+  }
+}
+
+// Slurm mode against scheduler commands of the test's own (no other program
+// is on PATH): the first sbatch is accepted but times out, and squeue knows
+// the job by its name; or sbatch hangs until the driver is told to stop; or
+// there is no sbatch at all.
+TEST(FarmSlurm, ASubmissionIsMadeOnceRunsOnlyWhileWantedAndCountsOnlyWhatHappened) {
+  TempDir dir;
+  writeFrames(dir, 2);
+  boost::filesystem::create_directory(dir.file("bin"));
+  dir.write("bin/sbatch", "#!/bin/sh\necho \"$PPID\" >> \"$FAKE/sbatch.calls\"\n"
+                          "[ \"$FAKE_HANG\" = 1 ] && exec /bin/sleep 30\n"
+                          "for a; do case \"$a\" in --job-name=*) echo \"${a#--job-name=}\" > \"$FAKE/name\";; esac; done\n"
+                          "echo 'sbatch: error: Socket timed out on send/recv operation' >&2; exit 1\n");
+  dir.write("bin/squeue", "#!/bin/sh\nread -r name < \"$FAKE/name\"\n"
+                          "for a; do [ \"$a\" = \"--name=$name\" ] && echo 77; done; exit 0\n");
+  for (const char* name : {"bin/sbatch", "bin/squeue"})
+    boost::filesystem::permissions(dir.file(name), boost::filesystem::owner_all);
+  struct Case { const char* bin; const char* hang; int status; size_t submissions; const char* seen; };
+  for (const Case& c : {Case{"bin", "0", 1, 1, "was accepted after all; it is not submitted again"},
+                        Case{"bin", "1", 128 + SIGTERM, 1, "interrupted by a stop request"},
+                        Case{"none", "0", 1, 0, "0 kindlet runs"}}) {
+    std::remove(dir.file("sbatch.calls").c_str());
+    boost::filesystem::remove_all(dir.file("job"));
+    bool stopped = false;
+    auto stopDuringSbatch = [&] {
+      const auto calls = kindlettest::readLines(dir.file("sbatch.calls"));
+      if (!calls.empty() && !stopped && *c.hang == '1') stopped = kill(std::stoi(calls[0]), SIGTERM) == 0;
+      return false;
+    };
+    const auto result = kindlettest::run(
+        farmPath(), farmArguments(dir, {"--mode", "slurm", "--retries", "0", "--poll", "0.1"}, "1-2"),
+        {{"PATH", dir.file(c.bin)}, {"FAKE", dir.path()}, {"FAKE_HANG", c.hang}}, std::chrono::seconds(20),
+        stopDuringSbatch);
+    SCOPED_TRACE(c.seen);
+    EXPECT_EQ(result.exitStatus, c.status) << result.out << result.err;
+    EXPECT_EQ(kindlettest::readLines(dir.file("sbatch.calls")).size(), c.submissions);
+    EXPECT_NE((result.out + result.err).find(c.seen), std::string::npos) << result.out << result.err;
+    EXPECT_EQ(result.out.find("attempt-1/log"), std::string::npos) << result.out;
   }
 }
 

@@ -3,6 +3,8 @@
 // the driver's tests.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <fstream>
 
 #include "ChunkStatus.h"
@@ -52,7 +54,7 @@ TEST(FarmJobState, RetryRendersOnlyWhatTheFailedAttemptDidNotAndStopsAtTheLimit)
   status.host = "n1";
   status.finished = true;
   status.exitStatus = 137;
-  status.frames = {{1, true, 2.5}, {2, false, 0}, {3, false, 0}};
+  status.frames = {{1, true, 2.5, ""}, {2, false, 0, ""}, {3, false, 0, ""}};
   writeChunkStatus(chunkAttemptDir(dir.path(), 0, 1), status);
   state.finishAttempt(0, 1, -1, "");
 
@@ -76,4 +78,12 @@ TEST(FarmJobState, RetryRendersOnlyWhatTheFailedAttemptDidNotAndStopsAtTheLimit)
   EXPECT_EQ(results[1].note, "task killed by signal 9");
   EXPECT_EQ(results[5].state, FrameState::Missing);
   EXPECT_EQ(state.rendered(), 1);
+}
+
+TEST(FarmScheduler, ACommandPastItsDeadlineIsKilledAndCountsAsTransient) {
+  CommandLimits limits;
+  limits.deadline = std::chrono::milliseconds(300);
+  const CommandResult result = runCommand({"/bin/sleep", "30"}, limits);
+  EXPECT_EQ(result.exitStatus, 128 + SIGKILL);
+  EXPECT_TRUE(isTransientFailure(result)) << result.err;
 }

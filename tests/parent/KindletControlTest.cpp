@@ -140,6 +140,10 @@ TEST(KindletControl, ExitStatusAndReportFollowHowKindletEnded) {
       {"kill -TERM $$", 128 + 15, "kindlet-control: kindlet killed: signal 15 "},
       {"kill -SEGV $$", 128 + 11, "kindlet-control: kindlet crashed: signal 11 "},
       {"", 125, "kindlet-control: kindlet failed to start: "},
+      // A report of an earlier process with this pid is not announced as kindlet's.
+      {R"(printf '{"version":1,"records":[{"name":"selvane.process.cost","value":{}}]}' )"
+       R"(> "$SELVANE_ANALYTICS_DIR/kindlet-$(uname -n)-$$-1.json"; exit 3)",
+       3, "kindlet-control: kindlet failed: exit status 3\n"},
   };
   for (const Case& expected : cases) {
     SCOPED_TRACE(expected.script);
@@ -160,10 +164,11 @@ TEST(KindletControl, ExitStatusAndReportFollowHowKindletEnded) {
                      expected.script + "\n");
       boost::filesystem::permissions(fake.file("bin/kindlet"), boost::filesystem::owner_all);
     }
-    const RunResult result =
-        control(fake.file("bin/kindlet-control"), {"render", "--", "-a", "b"}, cleanEnvironment());
+    const RunResult result = control(fake.file("bin/kindlet-control"), {"render", "--", "-a", "b"},
+                                     cleanEnvironment({{"SELVANE_ANALYTICS_DIR", fake.path()}}));
     EXPECT_EQ(result.exitStatus, expected.status);
     EXPECT_NE(result.err.find(expected.line), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("analytics report"), std::string::npos) << result.err;
     if (*expected.script != '\0') {
       EXPECT_EQ(result.out.rfind("-selvaneRoot " + fake.path() + " -a b|" + fake.path() +
                                      "/bin/python" KINDLET_PYTHON_VERSION "|FileAsset|" +

@@ -1,12 +1,17 @@
 // The renderer in-process, against answers known without it: radiance in a
 // uniform dome, irradiance from a point light, triangle counts of sample
 // files, and what live updates do to the next pass.
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <thread>
 
 #include "CameraRays.h"
+#include "ImageFile.h"
 #include "MeshFile.h"
 #include "Renderer.h"
 #include "XoScenegraph/AttributeJson.h"
@@ -275,4 +280,24 @@ TEST_F(LiveRender, NoUpdateIsLostDuringAPass) {
     ASSERT_NE(location, nullptr) << t;
     EXPECT_EQ(IntAttribute(location->attributes.getChildByName("n")).getValue(), kPerThread - 1);
   }
+}
+
+// A file size limit of 64 bytes: a writer that buffers everything fails only
+// when it flushes at its close. Reported with its reason; the old image stays.
+TEST(ImageFile, AWriteThatFailsAtTheEndIsReportedAndTheOldImageStays) {
+  const std::string path = std::filesystem::temp_directory_path() / ("image-" + std::to_string(::getpid()) + ".png");
+  const std::vector<float> pixels(16 * 16 * 3, 0.5f);
+  std::string error;
+  ASSERT_TRUE(writeImageAtomically(path, 16, 16, pixels, error)) << error;
+  const auto before = std::filesystem::file_size(path);
+  struct rlimit saved;
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  const struct rlimit small = {64, saved.rlim_max};
+  ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_FALSE(writeImageAtomically(path, 16, 16, pixels, error));
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  EXPECT_NE(error.find("File too large"), std::string::npos) << error;
+  EXPECT_EQ(std::filesystem::file_size(path), before);
+  std::filesystem::remove(path);
 }

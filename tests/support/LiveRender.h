@@ -1,6 +1,6 @@
 // Rendering::Manager::render on a thread of its own, for tests that link the
 // render driver. A stop is repeated until the render returns: one that lands
-// just before the loop sleeps wakes nobody.
+// before the loop has begun is overwritten.
 #pragma once
 
 #include <chrono>

@@ -29,13 +29,6 @@ extern "C" const char* __lsan_default_suppressions() {
          "leak:RerenderLiveRender_\n";
 }
 
-// The Manager's live-render state is a plain integer shared between threads
-// by design; these two functions are its only readers and writers.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:Rendering::Manager::loadLiveRenderState\n"
-         "race:Rendering::Manager::storeLiveRenderState\n";
-}
-
 namespace {
 
 // One plug-in for the program: readers that render() started outlive a test.
@@ -185,8 +178,8 @@ TEST(RerenderLiveRender, ChannelsFeedTheLoopAndItOutlivesThem) {
 
   const GroupAttribute first = update("first", "1");
   sendAll(dataPeer.get(), kindlettest::dataFrame(first.getBinary()));
-  // The loop sleeps without a predicate, so an update that lands before it
-  // first sleeps wakes nobody. Empty payloads only wake it (and log an error).
+  // An update that lands before the loop has begun waits for a later
+  // delivery. Empty payloads only wake it (and log an error).
   bool applied = false;
   for (int i = 0; i < 50 && !applied; ++i) {
     applied = plugin().waitForCount("applyQueuedUpdates", 1, std::chrono::milliseconds(100));

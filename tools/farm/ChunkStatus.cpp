@@ -21,6 +21,7 @@ void writeChunkStatus(const std::string& attemptDir, const ChunkStatus& status) 
     frame.AddMember("frame", record.frame, allocator);
     frame.AddMember("rendered", record.rendered, allocator);
     frame.AddMember("seconds", record.seconds, allocator);
+    if (!record.note.empty()) frame.AddMember("note", rapidjson::Value(record.note.c_str(), allocator), allocator);
     frames.PushBack(frame, allocator);
   }
   document.AddMember("frames", frames, allocator);
@@ -47,6 +48,7 @@ bool readChunkStatus(const std::string& attemptDir, ChunkStatus& status) {
       record.rendered = frame.IsObject() && rendered != frame.MemberEnd() && rendered->value.IsBool() &&
                         rendered->value.GetBool();
       record.seconds = jsonNumber(frame, "seconds");
+      record.note = jsonString(frame, "note");
       status.frames.push_back(record);
     }
   }

@@ -12,6 +12,7 @@ struct FrameRecord {
   int frame = 0;
   bool rendered = false;
   double seconds = 0;  // from the previous frame's end (or the start) to this one's
+  std::string note;    // why it was not credited, when the task knows
 };
 
 struct ChunkStatus {

@@ -18,7 +18,7 @@ namespace Farm {
 using Arbolite3::Base::FileDescriptor;
 using Arbolite3::Base::Subprocess;
 
-CommandResult runCommand(const std::vector<std::string>& arguments) {
+CommandResult runCommand(const std::vector<std::string>& arguments, const CommandLimits& limits) {
   CommandResult result;
   FileDescriptor outRead, outWrite, errRead, errWrite;
   Arbolite3::Base::createPipe(outRead, outWrite);
@@ -37,11 +37,21 @@ CommandResult runCommand(const std::vector<std::string>& arguments) {
 
   // Both pipes are read as they fill, so a chatty command can't block on one.
   std::string* targets[2] = {&result.out, &result.err};
-  int fds[2] = {outRead.get(), errRead.get()};
+  int fds[3] = {outRead.get(), errRead.get(), limits.stopFd};
   int openPipes = 2;
+  const auto deadline = std::chrono::steady_clock::now() + limits.deadline;
   while (openPipes > 0) {
-    const int ready = Arbolite3::Base::waitForReadable(fds, 2, -1, nullptr);
-    if (ready < 0) break;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const int ready = Arbolite3::Base::waitForReadable(fds, limits.stopFd >= 0 ? 3 : 2,
+                                                       std::max<long>(1, static_cast<long>(left.count())), nullptr);
+    if (ready < 0 || ready == limits.stopFd) {
+      // Past the deadline, or a stop request: the command's answer no longer matters.
+      result.interrupted = ready >= 0;
+      process.sendSignal(SIGKILL, Subprocess::TargetProcess);
+      result.err += result.interrupted ? "interrupted by a stop request\n"
+                                       : "timed out after " + std::to_string(limits.deadline.count() / 1000) + " s\n";
+      break;
+    }
     const int which = ready == fds[0] ? 0 : 1;
     char buffer[4096];
     const ssize_t got = Arbolite3::Base::readRetrying(ready, buffer, sizeof buffer, nullptr);

@@ -14,10 +14,19 @@ struct CommandResult {
   int exitStatus = -1;  // 128 + N when killed by signal N
   std::string out;
   std::string err;
+  bool interrupted = false;  // stopped because `stopFd` became readable
   bool ok() const { return started && exitStatus == 0; }
 };
 
-CommandResult runCommand(const std::vector<std::string>& arguments);
+struct CommandLimits {
+  // Past it the command is killed and its error ends in "timed out after N s"
+  // (a transient failure: the scheduler may still have done what was asked).
+  std::chrono::milliseconds deadline{60000};
+  // Readable (a stop request): the command is ended at once. -1: none.
+  int stopFd = -1;
+};
+
+CommandResult runCommand(const std::vector<std::string>& arguments, const CommandLimits& limits = CommandLimits());
 
 // A failure a busy or restarting controller gives, worth trying again.
 bool isTransientFailure(const CommandResult& result);
@@ -32,6 +41,6 @@ struct RetryPolicy {
 // false to give up early (the user interrupted).
 CommandResult runWithRetries(const std::vector<std::string>& arguments, const RetryPolicy& policy,
                              const std::function<bool(std::chrono::milliseconds)>& sleep,
-                             const std::function<CommandResult(const std::vector<std::string>&)>& run = runCommand);
+                             const std::function<CommandResult(const std::vector<std::string>&)>& run);
 
 }  // namespace Farm

@@ -1,5 +1,7 @@
 #include "FarmOptions.h"
 
+#include "StrictFrameList.h"
+
 #include <sched.h>
 
 #include <algorithm>
@@ -17,6 +19,8 @@ const char farmUsage[] =
     "                        (default: the root this program is installed in)\n"
     "  --threads N           -threads of each kindlet (default: local CPUs / parallel,\n"
     "                        slurm --cpus-per-task)\n"
+    "  --expect-output PATH  a file each frame writes, # runs for the frame number; a\n"
+    "                        frame counts only when it is new and whole; may be repeated\n"
     "local mode:\n"
     "  --parallel N          chunks at once (default: the CPU count)\n"
     "slurm mode (one sbatch --array job, failed chunks resubmitted):\n"
@@ -84,6 +88,9 @@ bool parseFarmOptions(const std::vector<std::string>& arguments, FarmOptions& op
       options.partition = value;
     } else if (name == "--max-running") {
       good = parsePositive(value, 1, options.maxRunning);
+    } else if (name == "--expect-output") {
+      good = value.find('#') != std::string::npos;
+      options.expectedOutputs.push_back(value);
     } else if (name == "--sbatch-option") {
       options.sbatchOptions.push_back(value);
     } else if (name == "--poll") {
@@ -127,6 +134,9 @@ bool parseFarmOptions(const std::vector<std::string>& arguments, FarmOptions& op
     error = "kindlet's options need a frame list -t";
     return false;
   }
+  // kindlet passes over what it cannot read; the farm refuses it, so that no
+  // frame the user meant is silently left out.
+  if (!parseStrictFrameList(options.frames, options.frameNumbers, error)) return false;
   if (options.parallel == 0) options.parallel = availableCpus();
   if (options.threads == 0) {
     options.threads = options.mode == Mode::Slurm ? options.cpusPerTask

@@ -23,12 +23,14 @@ struct FarmOptions {
   std::string partition;
   int maxRunning = 0;  // 0: no cap
   std::vector<std::string> sbatchOptions;
+  std::vector<std::string> expectedOutputs;  // --expect-output, "#" for the frame number
   double pollSeconds = 5;
 
   // kindlet's options without -t and -threads, and what they said.
   std::vector<std::string> kindletOptions;
   std::string pattern;
   std::string frames;
+  std::vector<int> frameNumbers;  // what `frames` names, in order
 };
 
 extern const char farmUsage[];

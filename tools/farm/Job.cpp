@@ -31,6 +31,10 @@ void writeJob(const std::string& jobDir, const Job& job) {
     options.PushBack(rapidjson::Value(option.c_str(), allocator), allocator);
   document.AddMember("kindletOptions", options, allocator);
   document.AddMember("threads", job.threads, allocator);
+  rapidjson::Value outputs(rapidjson::kArrayType);
+  for (const std::string& output : job.expectedOutputs)
+    outputs.PushBack(rapidjson::Value(output.c_str(), allocator), allocator);
+  document.AddMember("expectedOutputs", outputs, allocator);
   rapidjson::Value chunks(rapidjson::kArrayType);
   for (const auto& chunk : job.chunks) {
     const std::string text = Arbolite3::Base::formatFrameList(chunk);
@@ -55,6 +59,10 @@ Job readJob(const std::string& jobDir) {
   }
   for (const auto& option : options->value.GetArray())
     if (option.IsString()) job.kindletOptions.push_back(option.GetString());
+  auto outputs = document.FindMember("expectedOutputs");
+  if (outputs != document.MemberEnd() && outputs->value.IsArray())
+    for (const auto& output : outputs->value.GetArray())
+      if (output.IsString()) job.expectedOutputs.push_back(output.GetString());
   for (const auto& chunk : chunks->value.GetArray())
     job.chunks.push_back(Arbolite3::Base::parseFrameList(chunk.IsString() ? chunk.GetString() : ""));
   return job;

@@ -13,6 +13,7 @@ struct Job {
   std::string root;                         // install root; kindlet-control is in <root>/bin
   std::vector<std::string> kindletOptions;  // the user's, without -t and -threads
   int threads = 1;                          // -threads of every chunk
+  std::vector<std::string> expectedOutputs; // --expect-output patterns, "#" for the frame
   std::vector<std::vector<int>> chunks;     // frames of each chunk, in order
 };
 

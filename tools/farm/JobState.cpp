@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <boost/filesystem/operations.hpp>
+
 #include "ChunkStatus.h"
 
 namespace Farm {
@@ -78,7 +80,7 @@ void JobState::finishAttempt(int chunk, int attempt, int exitStatus, const std::
       result->seconds = record.seconds;
       result->note.clear();
     } else {
-      result->note = why;
+      result->note = why.empty() ? record.note : why;
     }
   }
   if (known) return;
@@ -91,9 +93,34 @@ void JobState::finishAttempt(int chunk, int attempt, int exitStatus, const std::
   }
 }
 
+void JobState::abandonAttempt(int chunk, int attempt, const std::string& note) {
+  --attempts_[static_cast<size_t>(chunk)];
+  for (int frame : chunks_[static_cast<size_t>(chunk)]) {
+    FrameResult* result = find(frame);
+    if (result->state != FrameState::Pending) continue;
+    --result->attempts;
+    result->note = note;
+    result->log = attempt > 1 ? chunkAttemptDir(jobDir_, chunk, attempt - 1) + "/log" : "";
+  }
+  boost::system::error_code error;
+  boost::filesystem::remove_all(chunkAttemptDir(jobDir_, chunk, attempt), error);
+}
+
 void JobState::close() {
   for (FrameResult& result : frames_)
     if (result.state == FrameState::Pending) result.state = FrameState::Failed;
+}
+
+int JobState::kindletRuns() const {
+  int runs = 0;
+  for (size_t chunk = 0; chunk < chunks_.size(); ++chunk) {
+    for (int attempt = 1; attempt <= attempts_[chunk]; ++attempt) {
+      ChunkStatus status;
+      if (readChunkStatus(chunkAttemptDir(jobDir_, static_cast<int>(chunk), attempt), status) && status.controlPid > 0)
+        ++runs;
+    }
+  }
+  return runs;
 }
 
 int JobState::total() const { return static_cast<int>(frames_.size()); }

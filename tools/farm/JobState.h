@@ -38,9 +38,15 @@ class JobState {
   // Takes the outcome from the attempt's status file; `exitStatus` and `note`
   // stand in when the task ended without finishing it.
   void finishAttempt(int chunk, int attempt, int exitStatus, const std::string& note);
+  // Takes back an attempt that never ran (its submission failed): its
+  // directory goes, its frames keep their earlier attempts and log, with
+  // `note` as the reason.
+  void abandonAttempt(int chunk, int attempt, const std::string& note);
   // No more attempts: whatever is not rendered has failed.
   void close();
 
+  // Attempts whose task started kindlet-control (its status file says so).
+  int kindletRuns() const;
   int total() const;
   int rendered() const;
   // Frames rendered so far, counting those the given running attempts

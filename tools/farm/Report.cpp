@@ -74,7 +74,8 @@ void printFrameTable(std::ostream& out, const JobState& state) {
     if (frame.state == FrameState::Rendered) snprintf(seconds, sizeof seconds, "%.2f", frame.seconds);
     const std::string exit = frame.exitStatus >= 0 ? std::to_string(frame.exitStatus) : "-";
     std::string note = frame.note;
-    if (frame.state == FrameState::Failed && !frame.log.empty())
+    // Only a log that was written: a task that never ran left none.
+    if (frame.state == FrameState::Failed && !frame.log.empty() && fs::exists(frame.log))
       note += std::string(note.empty() ? "" : "; ") + "log: " + frame.log;
     snprintf(line, sizeof line, "%8d  %-8s  %-20s  %8s  %4s  %8d  %s\n", frame.frame, stateName(frame.state),
              frame.host.empty() ? "-" : frame.host.c_str(), seconds, exit.c_str(), frame.attempts,
@@ -92,11 +93,9 @@ void printSummary(std::ostream& out, const JobState& state, const JobCost& cost)
     failed += frame.state == FrameState::Failed || frame.state == FrameState::Pending ? 1 : 0;
     missing += frame.state == FrameState::Missing ? 1 : 0;
   }
-  int attempts = 0;
-  for (int chunk = 0; chunk < state.chunkCount(); ++chunk) attempts += state.attemptsOf(chunk);
   out << "Job " << state.jobDir() << ": " << state.rendered() << " of " << state.total()
       << " frames rendered, " << failed << " failed, " << missing << " missing; " << state.chunkCount()
-      << " chunks, " << attempts << " kindlet runs\n";
+      << " chunks, " << state.kindletRuns() << " kindlet runs\n";
   if (cost.reports == 0) {
     out << "Cost: no analytics reports were written\n";
     return;

@@ -1,4 +1,9 @@
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <functional>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -51,16 +56,42 @@ class Scheduler {
  public:
   explicit Scheduler(SignalWatch& signals) : signals_(signals) {}
 
-  CommandResult run(const std::vector<std::string>& arguments) {
+  // `beforeRetry`, when given, is asked before each further try; a result it
+  // gives is taken instead of running the command again.
+  CommandResult run(const std::vector<std::string>& arguments, bool interruptible = true,
+                    const std::function<bool(CommandResult&)>& beforeRetry = nullptr) {
     CommandResult last;
-    return runWithRetries(arguments, RetryPolicy(),
-                          [&](std::chrono::milliseconds delay) {
-                            std::cerr << "kindlet-farm: " << arguments[0] << " failed ("
-                                      << firstLine(last.err) << "), trying again in " << delay.count()
-                                      << " ms\n";
-                            return signals_.sleep(delay);
-                          },
-                          [&](const std::vector<std::string>& command) { return last = runCommand(command); });
+    CommandLimits limits;
+    if (interruptible) limits.stopFd = signals_.fd();
+    int tries = 0;
+    CommandResult result = runWithRetries(
+        arguments, RetryPolicy(),
+        [&](std::chrono::milliseconds delay) {
+          std::cerr << "kindlet-farm: " << arguments[0] << " failed (" << firstLine(last.err)
+                    << "), trying again in " << delay.count() << " ms\n";
+          return signals_.sleep(delay);
+        },
+        [&](const std::vector<std::string>& command) {
+          if (tries++ > 0 && beforeRetry && beforeRetry(last)) return last;
+          return last = runCommand(command, limits);
+        });
+    if (result.interrupted) signals_.take();
+    return result;
+  }
+
+  // Submits an array job under a name no other submission uses. A try that
+  // failed transiently (a time-out above all) may have been accepted all the
+  // same: before each further try the name is looked up, and a job found
+  // under it is taken instead of submitting a second one.
+  CommandResult submit(const std::vector<std::string>& sbatch, const std::string& name) {
+    return run(sbatch, true, [&](CommandResult& found) {
+      const std::string id = jobNamed(name);
+      if (id.empty()) return false;
+      std::cerr << "kindlet-farm: Slurm job " << id << " (" << name
+                << ") was accepted after all; it is not submitted again\n";
+      found = CommandResult{true, 0, id + "\n", "", false};
+      return true;
+    });
   }
 
   // Tasks of the job still queued or running, as "state" words; false when
@@ -98,7 +129,7 @@ class Scheduler {
   }
 
   void cancel(const std::string& jobId) {
-    const CommandResult result = run({"scancel", jobId});
+    const CommandResult result = run({"scancel", jobId}, false);
     if (!result.ok()) std::cerr << "kindlet-farm: scancel " << jobId << " failed: " << result.err;
     // Only return when no task of it is left on any node.
     std::vector<std::string> states;
@@ -110,6 +141,18 @@ class Scheduler {
   }
 
  private:
+  // The id of the job with this name, queued or (where accounting is kept)
+  // already ended; empty when there is none or nobody could say.
+  std::string jobNamed(const std::string& name) {
+    const CommandResult queued = runCommand({"squeue", "-h", "--name=" + name, "-o", "%F"});
+    std::string id = queued.ok() ? firstLine(queued.out) : "";
+    if (id.empty()) {
+      const CommandResult accounted = runCommand({"sacct", "-n", "-X", "-P", "--name=" + name, "-o", "JobID"});
+      if (accounted.ok()) id = firstLine(accounted.out).substr(0, firstLine(accounted.out).find_first_of("_["));
+    }
+    return id;
+  }
+
   static std::string field(const std::string& text, const std::string& key) {
     const size_t at = text.find(key);
     if (at == std::string::npos) return "";
@@ -129,6 +172,10 @@ int runSlurm(const FarmOptions& options, const std::string& farmProgram, JobStat
              SignalWatch& signals) {
   Scheduler scheduler(signals);
   const std::string script = writeTaskScript(farmProgram, state.jobDir());
+  // Job names unique to this run of the driver and to each attempt.
+  char token[32];
+  snprintf(token, sizeof token, "%zx", std::hash<std::string>()(state.jobDir() + " " + std::to_string(getpid()) +
+                                                               " " + std::to_string(time(nullptr))));
   Progress progress(state.total());
 
   for (std::vector<int> chunks = state.chunksToRun(); !chunks.empty(); chunks = state.chunksToRun()) {
@@ -137,8 +184,9 @@ int runSlurm(const FarmOptions& options, const std::string& farmProgram, JobStat
     int attempt = 0;
     for (int chunk : chunks) attempt = state.startAttempt(chunk);
 
+    const std::string name = "kindlet-farm-" + std::string(token) + "-" + std::to_string(attempt);
     std::vector<std::string> sbatch{
-        "sbatch", "--parsable", "--job-name=kindlet-farm",
+        "sbatch", "--parsable", "--job-name=" + name,
         "--array=" + indexList(chunks) + (options.maxRunning > 0 ? "%" + std::to_string(options.maxRunning) : ""),
         "--output=" + state.jobDir() + "/slurm/%A_%a.out",
         "--cpus-per-task=" + std::to_string(options.cpusPerTask)};
@@ -149,12 +197,14 @@ int runSlurm(const FarmOptions& options, const std::string& farmProgram, JobStat
     sbatch.push_back(script);
     sbatch.push_back(std::to_string(attempt));
 
-    const CommandResult submitted = scheduler.run(sbatch);
+    const CommandResult submitted = scheduler.submit(sbatch, name);
     const std::string jobId = submitted.out.substr(0, submitted.out.find_first_of(";\n"));
     if (!submitted.ok() || jobId.empty()) {
       progress.finish();
       std::cerr << "kindlet-farm: sbatch failed: " << submitted.err;
-      for (int chunk : chunks) state.finishAttempt(chunk, attempt, -1, "sbatch failed");
+      // Nothing ran: the attempt is taken back, so that no kindlet run is
+      // counted and no log is cited that was never written.
+      for (int chunk : chunks) state.abandonAttempt(chunk, attempt, "sbatch failed: " + firstLine(submitted.err));
       if (signals.received() != 0) return signals.received();
       break;
     }

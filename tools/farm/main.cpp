@@ -89,8 +89,7 @@ int main(int argc, char** argv) {
   const std::string pattern = fs::absolute(options.pattern).string();
   std::replace(options.kindletOptions.begin(), options.kindletOptions.end(), options.pattern, pattern);
 
-  const std::vector<int> frames = distinctFrames(Arbolite3::Base::parseFrameList(options.frames));
-  if (frames.empty()) return usageError("the frame list \"" + options.frames + "\" names no frame");
+  const std::vector<int> frames = distinctFrames(options.frameNumbers);
   std::vector<int> present, missing;
   for (int frame : frames)
     (isRegularFile(Arbolite3::Base::substituteFrame(pattern, frame)) ? present : missing).push_back(frame);
@@ -101,6 +100,8 @@ int main(int argc, char** argv) {
   job.root = options.root;
   job.kindletOptions = options.kindletOptions;
   job.threads = options.threads;
+  for (const std::string& output : options.expectedOutputs)
+    job.expectedOutputs.push_back(fs::absolute(output).string());
   job.chunks = splitIntoChunks(present, options.chunkSize);
   try {
     fs::create_directories(jobDir);

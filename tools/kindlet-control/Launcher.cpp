@@ -102,6 +102,9 @@ bool Launcher::start(const std::vector<std::string>& options,
     return false;
   }
   pid_ = child_.pid();
+  // Taken while kindlet runs (it has only just exec'd): with the pid it names
+  // kindlet's own report, never one of an earlier process with this pid.
+  created_ = Arbolite3::Base::getProcessCreationTime(pid_, nullptr);
   return true;
 }
 
@@ -147,7 +150,7 @@ std::string Launcher::analyticsWords() const {
   const std::string directory =
       Arbolite3::XoConfiguration::v1::Config().get("SELVANE_ANALYTICS_DIR");
   if (directory.empty() || pid_ <= 0) return std::string();
-  const std::string path = analytics::findAnalyticsReport(directory, pid_);
+  const std::string path = analytics::findAnalyticsReport(directory, pid_, created_);
   std::string cost;
   if (path.empty() || !analytics::readAnalyticsRecord(path, "selvane.process.cost", cost))
     return std::string();

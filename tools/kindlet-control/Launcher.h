@@ -67,6 +67,7 @@ class Launcher {
   bool failedToStart_ = false;
   std::string whyNotStarted_;
   int pid_ = -1;
+  long long created_ = -1;  // kindlet's creation time, as its report's name has it
 };
 
 // kindlet's end on standard output (once): "kindlet exited with status N" or

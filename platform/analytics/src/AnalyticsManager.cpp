@@ -105,10 +105,11 @@ void AnalyticsManager::close() {
   records_.Accept(writer);
   writer.EndObject();
 
-  // Readers see the old state or the whole file, never a part of it; flush()
-  // makes it durable.
+  // Readers see the old state or the whole file, never a part of it. The
+  // temporary is synced before the rename, so that after a crash the name
+  // holds the whole report; flush() syncs the directory too.
   const int error = Base::replaceFile(path_, std::string(text.GetString(), text.GetSize()) + "\n",
-                                      false);
+                                      true);
   if (error != 0)
     std::cerr << "Analytics report " << path_ << " could not be written: "
               << std::strerror(error) << std::endl;

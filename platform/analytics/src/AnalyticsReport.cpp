@@ -1,6 +1,6 @@
 #include "XoRenderServices/AnalyticsReport.h"
 
-#include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,30 +22,19 @@ std::string reportPrefix(const std::string& host, int pid) {
   return "kindlet-" + host + "-" + std::to_string(pid) + "-";
 }
 
-bool endsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 }  // namespace
 
 std::string analyticsReportName(const std::string& host, int pid, long long start) {
   return reportPrefix(host, pid) + std::to_string(start) + ".json";
 }
 
-std::string findAnalyticsReport(const std::string& directory, int pid) {
+std::string findAnalyticsReport(const std::string& directory, int pid, long long start) {
   char host[256] = {};
   if (::gethostname(host, sizeof host - 1) != 0) std::snprintf(host, sizeof host, "localhost");
-  const std::string prefix = reportPrefix(host, pid);
-  DIR* folder = ::opendir(directory.c_str());
-  if (folder == nullptr) return std::string();
-  std::string found;
-  while (const dirent* entry = ::readdir(folder)) {
-    const std::string name = entry->d_name;
-    if (name.compare(0, prefix.size(), prefix) == 0 && endsWith(name, ".json"))
-      found = directory + "/" + name;
-  }
-  ::closedir(folder);
-  return found;
+  if (start < 0) return std::string();
+  const std::string path = directory + "/" + analyticsReportName(host, pid, start);
+  struct stat found;
+  return ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? path : std::string();
 }
 
 bool readAnalyticsRecord(const std::string& path, const std::string& name, std::string& json) {

@@ -1,7 +1,9 @@
 #include "ImageFile.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 #include <cmath>
 #include <atomic>
@@ -28,6 +30,42 @@ unsigned char toSrgb8(float linear) {
   return static_cast<unsigned char>(s * 255.0f + 0.5f);
 }
 
+bool failed(const std::string& what, std::string& error) {
+  error = what + ": " + std::strerror(errno);
+  return false;
+}
+
+bool writeAndSync(const std::string& path, const std::vector<unsigned char>& bytes,
+                  std::string& error) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return failed("cannot create the image file", error);
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      failed("cannot write the image", error);
+      ::close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (::fsync(fd) != 0) {
+    failed("cannot sync the image", error);
+    ::close(fd);
+    return false;
+  }
+  return ::close(fd) == 0 || failed("closing the image failed", error);
+}
+
+bool syncFile(const std::string& path, std::string& error) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return failed("cannot open the image to sync it", error);
+  const bool synced = ::fsync(fd) == 0 || failed("cannot sync the image", error);
+  ::close(fd);
+  return synced;
+}
+
 }  // namespace
 
 bool writeImageAtomically(const std::string& path, int width, int height,
@@ -50,6 +88,12 @@ bool writeImageAtomically(const std::string& path, int width, int height,
     error = "no image writer for \"" + ext + "\": " + OIIO::geterror();
     return false;
   }
+  // Where the writer can, it encodes into memory and the bytes are written
+  // here, where every write, the sync and the close are checked: a writer's
+  // own file output may drop a failure of its last flush.
+  std::vector<unsigned char> encoded;
+  OIIO::Filesystem::IOVecOutput memory(encoded);
+  const bool inMemory = out->supports("ioproxy") && out->set_ioproxy(&memory);
   const bool floating = ext == ".exr" || ext == ".hdr" || ext == ".tif" || ext == ".tiff";
   OIIO::ImageSpec format(width, height, 3, floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
   // Live renders rewrite the file after every pass: speed over size.
@@ -63,7 +107,13 @@ bool writeImageAtomically(const std::string& path, int width, int height,
     ok = out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
   }
   if (!ok) error = out->geterror();
-  ok = out->close() && ok;
+  if (!out->close() && ok) {
+    error = "closing the image failed: " + out->geterror();
+    ok = false;
+  }
+  // Synced before the rename, so that after a crash the name holds the old
+  // image or the whole new one.
+  if (ok) ok = inMemory ? writeAndSync(temp, encoded, error) : syncFile(temp, error);
   if (ok && std::rename(temp.c_str(), path.c_str()) != 0) {
     error = std::string("cannot rename into place: ") + std::strerror(errno);
     ok = false;

@@ -1,5 +1,5 @@
 // Writing the rendered image: linear floats for EXR, 8-bit sRGB for PNG and
-// the other 8-bit formats. The file appears whole or not at all.
+// the other 8-bit formats. The file appears whole or not at all, and synced.
 #pragma once
 
 #include <string>

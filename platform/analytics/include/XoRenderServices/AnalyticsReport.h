@@ -12,9 +12,10 @@ namespace v1 {
 // <start> being its creation time in microseconds since boot.
 std::string analyticsReportName(const std::string& host, int pid, long long start);
 
-// The report written in `directory` by the process `pid` of this host; empty
-// when there is none.
-std::string findAnalyticsReport(const std::string& directory, int pid);
+// The report written in `directory` by the process `pid` of this host that
+// was created at `start` (as in the name); empty when there is none. A report
+// of an earlier process that had the same pid is never taken for it.
+std::string findAnalyticsReport(const std::string& directory, int pid, long long start);
 
 // The value of the named record of a report, as one line of JSON. False when
 // the file cannot be read or parsed, or has no such record.
