@@ -64,7 +64,8 @@ def waitFor(driver, script, seconds=60):
         if value:
             return value
         time.sleep(0.05)
-    pytest.fail("timed out waiting for: " + script)
+    errors = driver.execute_script("return window.kindletViewer && window.kindletViewer.errors")
+    pytest.fail(f"timed out waiting for: {script} (the page's errors: {errors})")
 
 
 # Mean and spread of the canvas's pixels (0 to 255), with the frame they show.
@@ -83,10 +84,13 @@ def refined(driver, state, samples=6):
     return driver.execute_script(CANVAS_STATS)
 
 
-def screenshotStats(path):
-    """Per-channel standard deviations of a PNG, through the root's image tools' neighbour."""
+def screenshotStats(driver, path):
+    """Per-channel mean and spread of the image as the browser shows it (a
+    screenshot of the canvas element, read by OpenImageIO's oiiotool)."""
+    driver.find_element(By.ID, "image").screenshot(str(path))
     text = subprocess.run(["oiiotool", "--stats", str(path)], capture_output=True, text=True).stdout
-    return [float(v) for v in re.search(r"Stddev: ([\d. ]+)", text).group(1).split()]
+    stats = lambda name: [float(v) for v in re.search(name + r": ([\d. ]+) \(", text).group(1).split()]
+    return stats("Avg"), stats("StdDev")
 
 
 def test_the_page_shows_the_render_and_its_edits_reach_the_plugin(render, browser, tmp_path):
@@ -94,8 +98,9 @@ def test_the_page_shows_the_render_and_its_edits_reach_the_plugin(render, browse
     browser.get(url)
     first = refined(browser, 0)
     assert first["spread"] > 10, "the first image is flat"
-    browser.save_screenshot(str(tmp_path / "first.png"))
-    assert min(screenshotStats(tmp_path / "first.png")[:3]) > 10
+    browser.save_screenshot(str(tmp_path / "page.png"))
+    shown, spread = screenshotStats(browser, tmp_path / "first.png")
+    assert min(spread) > 10 and 20 < min(shown) < max(shown) < 235
     assert "samples" in browser.find_element(By.ID, "status").text
 
     # A drag orbits the camera: an update of /root/cam reaches kindlet, and
@@ -103,8 +108,9 @@ def test_the_page_shows_the_render_and_its_edits_reach_the_plugin(render, browse
     canvas = browser.find_element(By.ID, "image")
     ActionChains(browser).move_to_element(canvas).click_and_hold().move_by_offset(60, 0) \
         .move_by_offset(60, 10).release().perform()
-    sent = waitFor(browser, "return window.kindletViewer.sent")
-    turned = refined(browser, sent)
+    state = waitFor(browser, "return window.kindletViewer.state")
+    turned = refined(browser, state)
+    turnedShown = screenshotStats(browser, tmp_path / "turned.png")[0]
     assert "/root/cam" in (tmp_path / "updates.txt").read_text()
     changed = sum(abs(a - b) > 8 for a, b in zip(first["pixels"], turned["pixels"]))
     assert changed > len(first["pixels"]) / 10, "the drag did not change the view"
@@ -115,11 +121,14 @@ def test_the_page_shows_the_render_and_its_edits_reach_the_plugin(render, browse
     # brightens the picture.
     slider = browser.find_element(By.CSS_SELECTOR, '.light[data-path="/root/lights/key"] .intensity')
     slider.send_keys(Keys.END)
-    states = waitFor(browser, f"return window.kindletViewer.sent > {sent} && window.kindletViewer.sent")
-    brighter = refined(browser, states)
-    assert brighter["mean"] > turned["mean"] * 1.3
+    state = waitFor(browser, f"const s = window.kindletViewer.state; return s > {state} && s")
+    brighter = refined(browser, state)
+    assert brighter["mean"] > turned["mean"] * 1.15
     assert '"intensity"' in (tmp_path / "updates.txt").read_text()
-    browser.save_screenshot(str(tmp_path / "brighter.png"))
+    brighterShown = screenshotStats(browser, tmp_path / "brighter.png")[0]
+    assert sum(brighterShown) > sum(turnedShown) * 1.15
+
+    assert browser.execute_script("return window.kindletViewer.errors") == []
 
     # Saving writes the newest pass on the controller's disk.
     browser.find_element(By.ID, "saveExr").click()

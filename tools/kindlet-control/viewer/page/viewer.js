@@ -13,6 +13,7 @@ const kv = window.kindletViewer = {
   renders: [],
   errors: [],
   sent: 0,              // updates the controller sent for this page
+  state: 0,             // the newest scene state they lead to
   saved: null,
 };
 
@@ -239,6 +240,7 @@ function onSent(message) {
   if (inFlight.get(edit.key) === message.id) inFlight.delete(edit.key);
   for (const [render, state] of Object.entries(message.states)) {
     kv.sent += 1;
+    kv.state = Math.max(kv.state, state);
     pendingStates.push({render: Number(render), state, t0: edit.t0});
   }
   flush(edit.key);
@@ -284,14 +286,16 @@ function sendCamera() {
   const f = forward(camera.yaw, camera.pitch);
   const p = camera.target.map((v, i) => v - f[i] * camera.distance);
   const update = {};
-  update[camera.path] = {attributes: {xform: {translate: p.map(decimal),
-                                              rotate: [camera.pitch, camera.yaw, camera.roll].map(decimal)}}};
+  update[camera.path] = {attributes: {xform: {translate: floats(p),
+                                              rotate: floats([camera.pitch, camera.yaw, camera.roll])}}};
   kv.camera = {translate: p, rotate: [camera.pitch, camera.yaw, camera.roll]};
   edit("camera", update);
 }
 
-// A float the attribute JSON keeps as a float (a number with a '.').
-function decimal(v) { return {"$type": "float", "$value": [Number(v)]}; }
+// Floats as the attribute JSON spells them (JSON.stringify writes 3.0 as 3,
+// which would be an int).
+function floats(list) { return {"$type": "float", "$value": list.map(Number)}; }
+function decimal(v) { return floats([v]); }
 
 let drag = null;
 function onPointerDown(event) {
@@ -383,7 +387,7 @@ function lightPanel(light) {
     send({exposure: decimal(e.target.value)});
   });
   div.querySelector(".color").addEventListener("input", (e) => {
-    send({color: {"$type": "float", "$value": fromHex(e.target.value), "$tupleSize": 3}});
+    send({color: floats(fromHex(e.target.value))});
   });
   div.querySelector(".mute").addEventListener("change", (e) => {
     const update = {};
