@@ -125,8 +125,8 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     }
     imageFiles.reset(new ImageFiles(options.imagesDirectory));
   }
+  std::unique_ptr<Viewer> viewer;  // outlives the registry, which hands it passes
   RegistryServer registry;
-  std::unique_ptr<Viewer> viewer;
   if (options.view) {
     ViewerOptions viewing;
     viewing.address = options.viewAddress;

@@ -204,8 +204,9 @@ function chooseRender(userChoice) {
 }
 
 function watch() {
-  if (render && $("output").value) send({type: "watch", key: `${render.sequenceID}/${$("output").value}`});
+  if (render && $("output").value) kv.watchKey(`${render.sequenceID}/${$("output").value}`);
 }
+kv.watchKey = (key) => send({type: "watch", key});
 
 // ---- edits: coalesced, timed ---------------------------------------------------
 
