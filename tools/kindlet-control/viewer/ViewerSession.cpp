@@ -1,5 +1,7 @@
 #include "ViewerSession.h"
 
+#include <cstring>
+
 #include <boost/asio/post.hpp>
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
@@ -37,7 +39,7 @@ std::string errorText(const std::string& why) {
 }  // namespace
 
 ViewerSession::ViewerSession(net::ip::tcp::socket socket, ViewerServer& server)
-    : ws(std::move(socket)), server(server) {}
+    : ws(std::move(socket)), server(server), refineTimer(ws.get_executor()) {}
 
 void ViewerSession::run(http::request<http::string_body> request) {
   ws.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
@@ -213,6 +215,22 @@ void ViewerSession::write() {
     writing = std::move(texts.front());
     texts.pop_front();
   } else if (waitingFrame) {
+    double state = -1;
+    if (waitingFrame->size() >= 56) std::memcpy(&state, waitingFrame->data() + 48, sizeof state);
+    const auto now = std::chrono::steady_clock::now();
+    if (state == lastState && now < lastFrameSent + kRefineInterval) {
+      if (!timerArmed) {
+        timerArmed = true;
+        refineTimer.expires_at(lastFrameSent + kRefineInterval);
+        refineTimer.async_wait([self = shared_from_this()](beast::error_code) {
+          self->timerArmed = false;
+          self->write();
+        });
+      }
+      return;
+    }
+    lastState = state;
+    lastFrameSent = now;
     writing = std::move(waitingFrame);
     waitingFrame.reset();
     binary = true;
