@@ -9,10 +9,11 @@
 
 #include "ImageFiles.h"
 #include "Launcher.h"
+#include "LineFeed.h"
 #include "RegistryServer.h"
 #include "RenderOptions.h"
 #include "Script.h"
-#include "ScriptReader.h"
+#include "viewer/Viewer.h"
 
 namespace KindletControl {
 
@@ -77,14 +78,14 @@ class Renders {
   std::vector<std::unique_ptr<EndReport>> reports;
 };
 
-// Keeps the registry served while waiting; true once `done` says so, false
-// after `seconds` (0: no limit).
-template <typename Done>
-bool serveUntil(RegistryServer& registry, double seconds, Done done) {
+// Keeps the registry (and the viewer) served while waiting; true once `done`
+// says so, false after `seconds` (0: no limit).
+template <typename Poll, typename Done>
+bool serveUntil(Poll& poll, double seconds, Done done) {
   const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
   while (!done()) {
     if (seconds > 0 && Clock::now() >= deadline) return false;
-    registry.poll(20);
+    poll(20);
   }
   return true;
 }
@@ -124,11 +125,33 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     }
     imageFiles.reset(new ImageFiles(options.imagesDirectory));
   }
+  std::unique_ptr<Viewer> viewer;  // outlives the registry, which hands it passes
   RegistryServer registry;
-  if (imageFiles) registry.receiveImages(*imageFiles);
+  if (options.view) {
+    ViewerOptions viewing;
+    viewing.address = options.viewAddress;
+    viewing.port = options.viewPort;
+    viewing.pageDirectory = Launcher::installRoot() + "/share/kindlet/viewer";
+    viewing.saveDirectory = options.viewSaveDirectory;
+    std::string error;
+    viewer = Viewer::open(viewing, imageFiles.get(), error);
+    if (!viewer) {
+      std::cerr << "kindlet-control: --view: " << error << std::endl;
+      return 2;
+    }
+    registry.receiveImages(viewer->consumer());
+    registry.alsoWakeOn(viewer->wakeFd());
+  } else if (imageFiles) {
+    registry.receiveImages(*imageFiles);
+  }
+  auto poll = [&](int milliseconds) {
+    registry.poll(milliseconds);
+    if (viewer) viewer->serve(registry);
+  };
   unsigned short port = options.registryPort;
   if (!registry.bind(port)) return 2;
   std::cout << "service registry port " << port << std::endl;
+  if (viewer) std::cout << "viewer at " << viewer->url() << std::endl;
 
   Renders renders(options);
   if (options.start && !renders.start(port)) {
@@ -136,7 +159,7 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     return renders.report();
   }
   const size_t wanted = options.start ? static_cast<size_t>(options.renders) : 1;
-  const bool registered = serveUntil(registry, options.connectTimeout, [&] {
+  const bool registered = serveUntil(poll, options.connectTimeout, [&] {
     return registry.sessions().size() >= wanted || (renders.any() && renders.anyEnded());
   });
   if (!registered || registry.sessions().size() < wanted) {
@@ -153,11 +176,11 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
 
   auto waitForEnd = [&] {
     if (!renders.any()) {
-      serveUntil(registry, 0, [&] { return registry.sessions().empty(); });
+      serveUntil(poll, 0, [&] { return registry.sessions().empty(); });
       std::cout << "kindlet disconnected" << std::endl;
       return;
     }
-    if (!serveUntil(registry, options.timeout, [&] { return renders.allEnded(); })) {
+    if (!serveUntil(poll, options.timeout, [&] { return renders.allEnded(); })) {
       std::cerr << "kindlet-control: kindlet still running after " << options.timeout
                 << " s; killing it" << std::endl;
       renders.killAll();
@@ -183,7 +206,7 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     unsigned short same = port;
     if (!registry.bind(same, 5)) return false;
     std::cout << "service registry port " << port << std::endl;
-    if (serveUntil(registry, options.connectTimeout,
+    if (serveUntil(poll, options.connectTimeout,
                    [&] { return registry.sessions().size() >= expected || renders.anyEnded(); }) &&
         registry.sessions().size() >= expected)
       return true;
@@ -197,12 +220,28 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     return 3;
   };
 
+  // Lines are read on a thread of their own, so that the renders (their
+  // images, their backlogs) and the page are served while the script (a
+  // terminal, a pipe) has nothing to say.
+  LineFeed feed(script);
+  auto nextLine = [&](std::string& text) {
+    return feed.next(text, [&] { poll(5); }, [&] { return viewer && viewer->ended(); });
+  };
+  auto stopRenders = [&](const long* to) {
+    const auto stop = std::make_shared<const std::string>(protocol::encodeCommand("stopLiveEditing"));
+    // A stop that lands just before kindlet's render loop goes to sleep
+    // wakes nobody; sending it again costs nothing.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      if (registry.send(stop, to) == 0 || !renders.any()) break;
+      if (serveUntil(poll, 2, [&] { return renders.allEnded(); })) break;
+    }
+  };
+
   std::string text;
   int lineNumber = 0;
-  ScriptReader lines(script);
-  while (lines.next(text, [&] { registry.poll(5); })) {
+  while (nextLine(text)) {
     ++lineNumber;
-    registry.poll(0);
+    poll(0);
     long target = 0;
     std::string line;
     const bool addressed = splitTarget(text, target, line);
@@ -227,21 +266,16 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
         if (registry.send(messageFor(step, raw), to) == 0)
           std::cerr << "kindlet-control: line " << lineNumber << ": no session to send to"
                     << std::endl;
+        else if (viewer && step.kind == Step::SendData)
+          viewer->countUpdate(registry, to);
         break;
       case Step::Sleep:
-        serveUntil(registry, 0, [&, until = Clock::now() + std::chrono::milliseconds(
+        serveUntil(poll, 0, [&, until = Clock::now() + std::chrono::milliseconds(
                                                 step.milliseconds)] { return Clock::now() >= until; });
         break;
-      case Step::Stop: {
-        const auto stop = std::make_shared<const std::string>(protocol::encodeCommand("stopLiveEditing"));
-        // A stop that lands just before kindlet's render loop goes to sleep
-        // wakes nobody; sending it again costs nothing.
-        for (int attempt = 0; attempt < 10; ++attempt) {
-          if (registry.send(stop, to) == 0 || !renders.any()) break;
-          if (serveUntil(registry, 2, [&] { return renders.allEnded(); })) break;
-        }
+      case Step::Stop:
+        stopRenders(to);
         break;
-      }
       case Step::Wait:
         waitForEnd();
         renders.report();
@@ -258,6 +292,14 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     }
   }
   if (!comeBack(lineNumber)) return givenUp();
+  if (viewer) {
+    // The script's end does not end a viewed render: the page's stop button,
+    // SIGINT or SIGTERM do, or the renders' own end.
+    serveUntil(poll, 0, [&] {
+      return viewer->ended() || (renders.any() ? renders.allEnded() : registry.sessions().empty());
+    });
+    if (viewer->ended()) stopRenders(nullptr);
+  }
   if (!renders.any()) return 0;
   waitForEnd();
   return renders.report();

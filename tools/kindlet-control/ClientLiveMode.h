@@ -17,6 +17,10 @@ struct ClientLiveOptions {
   double connectTimeout = 60;       // for the registrations
   double timeout = 0;               // for kindlet's end once the script waits; 0: none
   std::string imagesDirectory;      // write the renders' images there; empty: ask for none
+  bool view = false;                // serve the browser viewer (viewer/Viewer.h)
+  std::string viewAddress = "127.0.0.1";
+  unsigned short viewPort = 0;
+  std::string viewSaveDirectory = ".";  // where the page's "save" writes
   std::vector<std::string> kindletOptions;
 };
 

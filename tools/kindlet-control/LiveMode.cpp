@@ -17,6 +17,7 @@
 #include "Launcher.h"
 #include "Listening.h"
 #include "Script.h"
+#include "viewer/Viewer.h"
 
 using Arbolite3::Base::FileDescriptor;
 
@@ -35,6 +36,11 @@ const char usage[] =
     "  --script FILE        commands to run (default: standard input)\n"
     "  --images DIR         write each image the renders send to DIR/<sequenceID>.<image>.exr,\n"
     "                       replaced as passes arrive (not with --legacy-tcp)\n"
+    "  --view [ADDR:]PORT   serve the browser viewer there (default address 127.0.0.1;\n"
+    "                       another address needs the printed token); the script's\n"
+    "                       end then does not end the render: the page's stop\n"
+    "                       button, SIGINT or SIGTERM do (not with --legacy-tcp)\n"
+    "  --view-save-dir DIR  where the viewer's \"save\" writes images (default: .)\n"
     "  --start              start the kindlet installed beside this program\n"
     "  --kindlet PATH       start this kindlet\n"
     "  --connect-timeout S  give up when kindlet hasn't registered or connected\n"
@@ -91,6 +97,11 @@ bool parseOptions(int argc, char** argv, Options& options) {
       options.script = value;
     } else if (option == "--images" && *value != '\0') {
       options.client.imagesDirectory = value;
+    } else if (option == "--view" &&
+               parseViewAddress(value, options.client.viewAddress, options.client.viewPort)) {
+      options.client.view = true;
+    } else if (option == "--view-save-dir" && *value != '\0') {
+      options.client.viewSaveDirectory = value;
     } else if (option == "--kindlet") {
       options.kindlet = options.client.kindlet = value;
       options.start = options.client.start = true;
@@ -179,6 +190,10 @@ int runLiveMode(int argc, char** argv) {
   }
   std::istream& script = scriptFile->is_open() ? *scriptFile : std::cin;
   if (!options.legacyTcp) return runClientLiveMode(options.client, script);
+  if (options.client.view) {
+    std::cerr << "kindlet-control: --view needs the live-render client, not --legacy-tcp" << std::endl;
+    return 2;
+  }
 
   FileDescriptor controlListener = listenOn(options.controlPort);
   FileDescriptor dataListener = listenOn(options.dataPort);

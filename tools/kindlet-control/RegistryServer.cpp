@@ -117,12 +117,15 @@ void RegistryServer::poll(int milliseconds) {
   const bool regionWait = std::any_of(table.begin(), table.end(), [](const Session& session) {
     return !session.backlog.empty() && session.waitsForRegion;
   });
-  zmq_pollitem_t item = {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0};
+  zmq_pollitem_t items[2] = {
+      {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0},
+      {nullptr, wakeFd, ZMQ_POLLIN, 0}};
+  zmq_pollitem_t& item = items[0];
   const int wait = !backlogged() || allWaitForRoom ? milliseconds
                    : regionWait                    ? 0
                    : milliseconds < 0              ? kBacklogRetryMs
                                                    : std::min(milliseconds, kBacklogRetryMs);
-  if (zmq_poll(&item, 1, wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
+  if (zmq_poll(items, wakeFd >= 0 ? 2 : 1, wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
     if (regionWait && milliseconds != 0) std::this_thread::sleep_for(kRegionRetry);
     flush();
     return;

@@ -72,6 +72,10 @@ class RegistryServer {
   // wants and hands it their passes (on the thread that polls).
   void receiveImages(ImageConsumer& consumer) { images.reset(new ImageReceiver(consumer)); }
 
+  // poll() also returns as soon as `fd` is readable (-1: none); the caller
+  // reads it.
+  void alsoWakeOn(int fd) { wakeFd = fd; }
+
   const std::vector<Session>& sessions() const { return table; }
   bool backlogged() const;
 
@@ -105,6 +109,7 @@ class RegistryServer {
   const bool streamInRegion;
   void* context;
   void* socket = nullptr;
+  int wakeFd = -1;
   std::vector<Session> table;
   std::unique_ptr<ImageReceiver> images;
   struct Retired {

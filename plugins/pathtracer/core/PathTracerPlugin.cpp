@@ -80,6 +80,11 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
     return 0;
   }
   int32_t handleControlCommand(const char* command) {
+    const std::string text(command, strnlen(command, 256));
+    if (text == "pauseRefinement" || text == "resumeRefinement") {
+      renderer.holdRefinement(text == "pauseRefinement");
+      return 0;
+    }
     PT_WARN("Unknown control command \"" << std::string(command, strnlen(command, 256))
                                          << "\" ignored");
     return 0;

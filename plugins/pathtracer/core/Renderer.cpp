@@ -137,12 +137,20 @@ void Renderer::stopLive() {
   cancel = false;
 }
 
+void Renderer::holdRefinement(bool hold) {
+  {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    held = hold;
+  }
+  stateChanged.notify_all();
+}
+
 void Renderer::liveLoop() {
   std::unique_lock<std::mutex> lock(stateMutex);
   for (;;) {
     stateChanged.wait(lock, [&] {
       return stopping ||
-             (!paused && (previewPending || samplesDone < compiled->settings.samples));
+             (!paused && (previewPending || (!held && samplesDone < compiled->settings.samples)));
     });
     if (stopping) return;
     busy = true;

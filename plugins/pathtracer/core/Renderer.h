@@ -48,6 +48,9 @@ class Renderer {
   // Live render: refinement on a thread of our own until stopLive.
   void startLive();
   void stopLive();
+  // Held, refinement adds no samples; the quick first image of a new state
+  // still comes, so edits stay visible.
+  void holdRefinement(bool hold);
   // Any thread, any time: queues under a short lock.
   void submitUpdate(const GroupAttribute& update);
   bool hasQueuedUpdates();
@@ -101,7 +104,7 @@ class Renderer {
   std::mutex stateMutex;
   std::condition_variable stateChanged;
   std::thread liveThread;
-  bool stopping = false, paused = false, busy = false;
+  bool stopping = false, paused = false, busy = false, held = false;
   uint64_t generation = 0;
   int samplesDone = 0;
   // After every start-over, one pass of direct light only comes first.
