@@ -144,22 +144,26 @@ Random::Random(uint32_t pixel, uint32_t sample)
 namespace {
 
 // Light leaving the found `hit` back along unit `direction`, beyond the
-// hit's own emission: light sampled at each hit and the paths bounced on,
-// for paths of at most `segments` segments, the one that made `hit` counted.
+// hit's own emission: the light arriving directly at each of at most
+// `segments` hits (the one that made `hit` counted), whatever kind of light
+// it comes from, and the paths bounced on between them.
 Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
                int segments, bool sampledLights) {
+  // The dome and emitting surfaces are found by a bounce, which the last hit
+  // needs only when there are some.
+  const bool foundLights = !scene.dome.isBlack() || scene.hasEmitters;
   Vec3 result, throughput(1, 1, 1);
   for (int depth = 1;; ++depth) {
     const Material& m = scene.materials[hit.geometry];
     const bool last = depth == segments;
-    // A last hit with no light to sample adds nothing more: skip its normals.
-    if (last && !sampledLights) break;
+    // A last hit with no light to find adds nothing more: skip its normals.
+    if (last && !sampledLights && !foundLights) break;
     const Vec3 wo = -direction;
     Vec3 ng, n;
     facingNormals(scene, hit, wo, ng, n);
     const Vec3 p = offset(origin + direction * hit.distance, ng);
     if (sampledLights) result += throughput * directLight(scene, p, n, wo, m, random);
-    if (last) break;
+    if (last && !foundLights) break;
 
     // Cosine-weighted bounce: the Lambert term and the density cancel.
     const float u1 = random.next(), u2 = random.next();
@@ -179,6 +183,7 @@ Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
       break;
     }
     result += throughput * scene.materials[hit.geometry].emission;
+    if (last) break;
   }
   return result;
 }
@@ -189,7 +194,8 @@ void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const i
                     const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out) {
   const bool sampledLights = !scene.pointLights.empty() || !scene.distantLights.empty() ||
                              !scene.rectLights.empty();
-  const bool onlyFirstHits = maxDepth <= 1 && !sampledLights;
+  const bool onlyFirstHits =
+      maxDepth <= 1 && !sampledLights && scene.dome.isBlack() && !scene.hasEmitters;
   for (int i = 0; i < kPacket; ++i) {
     if (!valid[i]) continue;
     const unsigned geometry = packet.hit.geomID[i];

@@ -4,8 +4,11 @@
 #include <set>
 #include <sstream>
 
+#include <unistd.h>
+
 #include "AttributeValues.h"
 #include "Log.h"
+#include "XoScenegraph/AttributeJson.h"
 
 namespace pathtracer {
 
@@ -252,6 +255,70 @@ std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
   return geometry;
 }
 
+// A setting's value as the scene wrote it, for error messages.
+std::string describe(const Attribute& attr) {
+  const StringAttribute textValue(attr);
+  if (textValue.isValid()) return "\"" + textValue.getValue() + "\"";
+  const std::vector<double> values = numbers(attr);
+  if (values.empty() && attr.getType() != kTypeNull)
+    return "of the wrong type (" + Arbolite3::internal::attributeToJsonText(attr) + ")";
+  std::ostringstream out;
+  if (values.size() != 1) out << "[";
+  for (size_t i = 0; i < values.size(); ++i) out << (i ? ", " : "") << values[i];
+  if (values.size() != 1) out << "]";
+  return out.str();
+}
+
+bool wholeNumbers(const std::vector<double>& values, size_t count, double least) {
+  if (values.size() != count) return false;
+  for (double v : values)
+    if (!(v >= least && v <= 1e9 && v == std::floor(v))) return false;
+  return true;
+}
+
+// Bad settings are errors, never silently replaced: `valid` goes false.
+void readSettings(const GroupAttribute& settings, RenderSettings& s) {
+  auto invalid = [&](const char* name, const Attribute& attr, const char* expected) {
+    PT_ERROR("Invalid renderSettings." << name << " " << describe(attr) << ": expected "
+                                       << expected);
+    s.valid = false;
+  };
+  const Attribute resolution = settings.getChildByName("resolution");
+  if (resolution.isValid()) {
+    const std::vector<double> v = numbers(resolution);
+    if (wholeNumbers(v, 2, 1)) {
+      s.width = int(v[0]);
+      s.height = int(v[1]);
+    } else {
+      invalid("resolution", resolution, "a width and a height, whole numbers of at least 1");
+    }
+  }
+  const struct { const char* name; int* value; double least; const char* expected; } counts[] = {
+      {"samples", &s.samples, 1, "a whole number of at least 1"},
+      {"maxDepth", &s.maxDepth, 1, "a whole number of at least 1"},
+      {"frame", &s.frame, -1e9, "a whole number"}};
+  for (const auto& c : counts) {
+    const Attribute attr = settings.getChildByName(c.name);
+    if (!attr.isValid()) continue;
+    const std::vector<double> v = numbers(attr);
+    if (wholeNumbers(v, 1, c.least)) *c.value = int(v[0]);
+    else invalid(c.name, attr, c.expected);
+  }
+  s.frameGiven = settings.getChildByName("frame").isValid();
+  s.output = text(settings.getChildByName("output"));
+  if (!s.valid) return;
+  // The image's sums, its average and the copy being written: refuse what
+  // cannot fit rather than fail half-way through an allocation.
+  const double bytes = 3.0 * 3 * sizeof(float) * double(s.width) * double(s.height);
+  const double memory = double(sysconf(_SC_PHYS_PAGES)) * double(sysconf(_SC_PAGE_SIZE));
+  if (memory > 0 && bytes > memory) {
+    PT_ERROR("Invalid renderSettings.resolution [" << s.width << ", " << s.height << "]: its image needs "
+             << bytes / (1 << 30) << " GiB, more than the machine's " << memory / (1 << 30)
+             << " GiB");
+    s.valid = false;
+  }
+}
+
 }  // namespace
 
 Geometry::~Geometry() {
@@ -289,17 +356,7 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
   }
 
   const GroupAttribute settings(root->attributes.getChildByName("renderSettings"));
-  RenderSettings& s = scene->settings;
-  const std::vector<double> resolution = numbers(settings.getChildByName("resolution"));
-  if (resolution.size() >= 2 && resolution[0] >= 1 && resolution[1] >= 1) {
-    s.width = int(resolution[0]);
-    s.height = int(resolution[1]);
-  }
-  s.samples = std::max(1, int(number(settings.getChildByName("samples"), s.samples)));
-  s.maxDepth = std::max(1, int(number(settings.getChildByName("maxDepth"), s.maxDepth)));
-  s.frame = int(number(settings.getChildByName("frame"), s.frame));
-  s.output = text(settings.getChildByName("output"));
-
+  readSettings(settings, scene->settings);
   Walk walk{tree, reporter, *scene, {}, {}, {}};
   walk.visit(tree.rootPath(), Transform(), std::string());
 
@@ -336,6 +393,7 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
   for (const MeshInstance& m : walk.meshes) byPath[m.path] = m.material;
   for (const MeshShading& shading : scene->geometry->meshes)
     scene->materials.push_back(byPath.count(shading.path) ? byPath[shading.path] : Material());
+  for (const Material& m : scene->materials) scene->hasEmitters |= !m.emission.isBlack();
   return scene;
 }
 

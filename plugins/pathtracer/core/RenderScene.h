@@ -53,6 +53,8 @@ struct RenderSettings {
   int samples = 16;
   int maxDepth = 5;
   int frame = 1;
+  bool frameGiven = false;  // renderSettings.frame was set
+  bool valid = true;        // false after an invalid setting was reported
   std::string output;  // '#' runs become the zero-padded frame number
 };
 
@@ -70,6 +72,7 @@ class RenderScene {
   std::vector<RectLight> rectLights;
   Vec3 dome;
   std::vector<Material> materials;
+  bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.
   std::shared_ptr<const struct Geometry> geometry;
 

@@ -46,7 +46,14 @@ void Renderer::recompile(bool reuseGeometry) {
 }
 
 void Renderer::startOverLocked() {
-  sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
+  try {
+    sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
+  } catch (const std::bad_alloc&) {
+    PT_ERROR("Cannot allocate the image of " << compiled->settings.width << "x"
+                                             << compiled->settings.height << " pixels");
+    compiled->settings.valid = false;
+    sums.clear();
+  }
   samplesDone = 0;
   latest.clear();
   // A deeper first pass would keep the new state off screen for longer.
@@ -88,6 +95,18 @@ bool Renderer::writeImageTo(const std::string& path, int width, int height,
 
 bool Renderer::renderBatch() {
   const RenderSettings& s = compiled->settings;
+  if (!s.valid) {
+    PT_ERROR("Nothing rendered: the scene's renderSettings are invalid");
+    return false;
+  }
+  // kindlet renders a sequence's files one after the other with one plug-in;
+  // without a frame of their own they would all write the same file.
+  const std::string path = options.writeImages ? outputPath() : std::string();
+  if (!path.empty() && !batchImages.insert(path).second) {
+    PT_ERROR("Nothing rendered: image \"" << path << "\" was already written by this render"
+             << (s.frameGiven ? "" : "; give each scene file its own renderSettings.frame"));
+    return false;
+  }
   PT_INFO("Rendering " << s.width << "x" << s.height << ", " << s.samples
                        << " samples per pixel, " << compiled->triangleCount() << " triangles");
   const std::atomic<bool> never{false};
@@ -138,8 +157,8 @@ void Renderer::liveLoop() {
   std::unique_lock<std::mutex> lock(stateMutex);
   for (;;) {
     stateChanged.wait(lock, [&] {
-      return stopping ||
-             (!paused && (previewPending || samplesDone < compiled->settings.samples));
+      return stopping || (!paused && compiled->settings.valid &&
+                          (previewPending || samplesDone < compiled->settings.samples));
     });
     if (stopping) return;
     busy = true;

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,6 +90,7 @@ class Renderer {
   SceneTree sceneTree;
   std::unique_ptr<RenderScene> compiled;
   std::vector<float> sums;
+  std::set<std::string> batchImages;  // written by renderBatch, never overwritten
 
   std::mutex queueMutex;
   std::vector<GroupAttribute> queue;
