@@ -9,28 +9,12 @@
 #include "CameraRays.h"
 #include "MeshFile.h"
 #include "Renderer.h"
-#include "XoScenegraph/AttributeJson.h"
+#include "TestScenes.h"
 
 using namespace pathtracer;
-using Arbolite3::internal::XoScenegraphIterator;
 using Arbolite3::internal::XoAttribute::IntAttribute;
 
 namespace {
-
-// An Op tree with `children` (JSON locations) under a root of these settings.
-SceneTree sceneOf(const std::string& settings, const std::string& children) {
-  std::string error;
-  const XoScenegraphIterator it = XoScenegraphIterator::getIteratorFromText(
-      R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": )" + settings +
-          R"(}, "children": [)" + children + "]}}",
-      &error);
-  EXPECT_TRUE(it.isValid()) << error;
-  return SceneTree::fromIterator(it);
-}
-
-GroupAttribute update(const std::string& json) {
-  return GroupAttribute(Arbolite3::internal::attributeFromJsonText(json));
-}
 
 const char* kUnitCube = R"({"name": "cube", "type": "polymesh", "attributes": {
   "geometry": {"point": {"P": [-1.0,-1.0,-1.0, 1.0,-1.0,-1.0, 1.0,1.0,-1.0, -1.0,1.0,-1.0,
@@ -41,13 +25,6 @@ const char* kUnitCube = R"({"name": "cube", "type": "polymesh", "attributes": {
 
 const char* kCamera = R"({"name": "cam", "type": "camera", "attributes": {
   "geometry": {"fov": 60.0}, "xform": {"translate": [0.0, 0.0, 4.0]}}})";
-
-RendererOptions quiet(int threads = 2) {
-  RendererOptions options;
-  options.threads = threads;
-  options.writeImages = false;
-  return options;
-}
 
 // Mean of one channel over the central 16x16 pixels of a 48x48 image.
 double centralMean(const std::vector<float>& image, int channel) {

@@ -8,8 +8,6 @@ namespace pathtracer {
 
 namespace {
 
-constexpr float kInvPi = float(1.0 / M_PI);
-
 // What a ray met, kept raw: normals are only worked out for hits that are
 // shaded.
 struct Hit {
@@ -81,42 +79,72 @@ bool occluded(const RenderScene& scene, const Vec3& origin, const Vec3& directio
   return ray.tfar == -std::numeric_limits<float>::infinity();
 }
 
-// Oren-Nayar's qualitative model relative to Lambert (1 for roughness 0).
-float roughnessFactor(float sigma, const Vec3& n, const Vec3& wo, const Vec3& wi) {
-  if (sigma <= 0) return 1.0f;
-  const float s2 = sigma * sigma;
-  const float a = 1.0f - 0.5f * s2 / (s2 + 0.33f);
-  const float b = 0.45f * s2 / (s2 + 0.09f);
-  const float cosI = std::clamp(dot(n, wi), 0.0f, 1.0f), cosO = std::clamp(dot(n, wo), 0.0f, 1.0f);
-  const float sinI = std::sqrt(1 - cosI * cosI), sinO = std::sqrt(1 - cosO * cosO);
-  float cosPhi = 0;
-  if (sinI > 1e-4f && sinO > 1e-4f)
-    cosPhi = std::max(0.0f, dot(normalize(wi - n * cosI), normalize(wo - n * cosO)));
-  const float sinAlpha = std::max(sinI, sinO);
-  const float tanBeta = std::min(sinI / std::max(cosI, 1e-4f), sinO / std::max(cosO, 1e-4f));
-  return a + b * cosPhi * sinAlpha * tanBeta;
+Vec3 offset(const Vec3& p, const Vec3& n) {
+  const float scale = 1 + std::max({std::fabs(p.x), std::fabs(p.y), std::fabs(p.z)});
+  return p + n * (1e-4f * scale);
 }
 
-// Light arriving at `p` directly from the point, distant and rectangle
-// lights, times the surface's response toward `wo`.
-Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& n, const Vec3& wo,
-                 const Material& m, Random& random) {
+float powerHeuristic(float a, float b) { return a * a / (a * a + b * b); }
+
+// Where a ray from `origin` along unit `direction` meets the emitting side of
+// `light` before `tfar`, or infinity.
+float hitRect(const RectLight& light, const Vec3& origin, const Vec3& direction, float tfar) {
+  const float facing = dot(direction, light.normal);
+  if (facing >= 0) return std::numeric_limits<float>::infinity();
+  const float t = dot(light.corner - origin, light.normal) / facing;
+  if (t <= 0 || t >= tfar) return std::numeric_limits<float>::infinity();
+  const Vec3 q = origin + direction * t - light.corner;
+  const float s = dot(q, light.edgeU) / dot(light.edgeU, light.edgeU);
+  const float r = dot(q, light.edgeV) / dot(light.edgeV, light.edgeV);
+  return s >= 0 && s <= 1 && r >= 0 && r <= 1 ? t : std::numeric_limits<float>::infinity();
+}
+
+// The weight of light found by a bounce of density `bsdfPdf` that light
+// sampling of density `lightPdf` could also have found.
+float bounceWeight(const RenderScene& scene, const BsdfSample& s, float lightPdf) {
+  if (s.specular) return 1;
+  switch (scene.lightSampling) {
+    case LightSampling::kLightsOnly: return 0;
+    case LightSampling::kBsdfOnly: return 1;
+    default: return powerHeuristic(s.pdf, lightPdf);
+  }
+}
+
+// Light arriving at `p` directly from every light that can be sampled (one
+// sample each), times the surface's response, weighted against finding the
+// same light by a bounce.
+Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const Bsdf& bsdf,
+                 Random& random) {
   Vec3 sum;
-  auto add = [&](const Vec3& toLight, float distance, const Vec3& irradiance) {
-    const float cosine = dot(n, toLight);
-    if (cosine <= 0 || irradiance.isBlack()) return;
+  const bool weighLights = scene.lightSampling == LightSampling::kBoth;
+  // `lightPdf` 0: a delta light, which only light sampling finds.
+  auto add = [&](const Vec3& toLight, float distance, const Vec3& arriving, float lightPdf) {
+    if (arriving.isBlack() || dot(toLight, ng) <= 0) return;
+    float bsdfPdf;
+    const Vec3 f = bsdf.evaluate(toLight, bsdfPdf);
+    if (f.isBlack()) return;
     if (occluded(scene, p, toLight, distance)) return;
-    sum += irradiance * (cosine * roughnessFactor(m.roughness, n, wo, toLight));
+    const float w = lightPdf > 0 && weighLights ? powerHeuristic(lightPdf, bsdfPdf) : 1;
+    sum += f * arriving * w;
   };
   for (const PointLight& light : scene.pointLights) {
     const Vec3 d = light.position - p;
     const float r2 = dot(d, d);
     if (r2 <= 0) continue;
     const float r = std::sqrt(r2);
-    add(d * (1 / r), r * 0.9999f, light.intensity * (1 / r2));
+    const Vec3 toLight = d * (1 / r);
+    // A spot light fades from its inner cone to its outer one.
+    float cone = 1;
+    const float c = -dot(toLight, light.axis);
+    if (c < light.cosInner) {
+      const float x = std::clamp((c - light.cosOuter) / (light.cosInner - light.cosOuter), 0.0f, 1.0f);
+      cone = x * x * (3 - 2 * x);
+    }
+    if (cone > 0) add(toLight, r * 0.9999f, light.intensity * (cone / r2), 0);
   }
   for (const DistantLight& light : scene.distantLights)
-    add(light.towardLight, std::numeric_limits<float>::infinity(), light.irradiance);
+    add(light.towardLight, std::numeric_limits<float>::infinity(), light.irradiance, 0);
+  if (scene.lightSampling == LightSampling::kBsdfOnly || !bsdf.rough()) return sum;
   for (const RectLight& light : scene.rectLights) {
     const Vec3 q = light.corner + light.edgeU * random.next() + light.edgeV * random.next();
     const Vec3 d = q - p;
@@ -126,14 +154,17 @@ Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& n, const V
     const Vec3 toLight = d * (1 / r);
     const float cosLight = -dot(light.normal, toLight);
     if (cosLight <= 0) continue;
-    add(toLight, r * 0.9999f, light.radiance * (cosLight * light.area / r2));
+    const float pdf = r2 / (cosLight * light.area);
+    add(toLight, r * 0.9999f, light.radiance * (1 / pdf), pdf);
   }
-  return sum * m.albedo * kInvPi;
-}
-
-Vec3 offset(const Vec3& p, const Vec3& n) {
-  const float scale = 1 + std::max({std::fabs(p.x), std::fabs(p.y), std::fabs(p.z)});
-  return p + n * (1e-4f * scale);
+  if (scene.dome.active()) {
+    float pdf;
+    const float u1 = random.next(), u2 = random.next();
+    const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf);
+    if (pdf > 0)
+      add(wi, std::numeric_limits<float>::infinity(), scene.dome.radiance(wi) * (1 / pdf), pdf);
+  }
+  return sum;
 }
 
 }  // namespace
@@ -148,38 +179,44 @@ namespace {
 // `segments` hits (the one that made `hit` counted), whatever kind of light
 // it comes from, and the paths bounced on between them.
 Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
-               int segments, bool sampledLights) {
-  // The dome and emitting surfaces are found by a bounce, which the last hit
-  // needs only when there are some.
-  const bool foundLights = !scene.dome.isBlack() || scene.hasEmitters;
+               int segments) {
+  // Rectangles and the dome are found by bounces too, and emitting surfaces
+  // only so: the last hit needs a bounce only when there are some.
+  const bool foundLights = scene.dome.active() || scene.hasEmitters || !scene.rectLights.empty();
   Vec3 result, throughput(1, 1, 1);
   for (int depth = 1;; ++depth) {
-    const Material& m = scene.materials[hit.geometry];
     const bool last = depth == segments;
-    // A last hit with no light to find adds nothing more: skip its normals.
-    if (last && !sampledLights && !foundLights) break;
     const Vec3 wo = -direction;
     Vec3 ng, n;
     facingNormals(scene, hit, wo, ng, n);
-    const Vec3 p = offset(origin + direction * hit.distance, ng);
-    if (sampledLights) result += throughput * directLight(scene, p, n, wo, m, random);
+    const Vec3 at = origin + direction * hit.distance;
+    const Vec3 p = offset(at, ng);
+    const Bsdf bsdf(scene.materials[hit.geometry], n, wo, dot(hit.rawNormal, wo) > 0);
+    result += throughput * directLight(scene, p, ng, bsdf, random);
     if (last && !foundLights) break;
 
-    // Cosine-weighted bounce: the Lambert term and the density cancel.
-    const float u1 = random.next(), u2 = random.next();
-    const float r = std::sqrt(u1), phi = 2 * float(M_PI) * u2;
-    Vec3 t, b;
-    makeBasis(n, t, b);
-    const Vec3 wi = normalize(t * (r * std::cos(phi)) + b * (r * std::sin(phi)) +
-                              n * std::sqrt(std::max(0.0f, 1 - u1)));
-    if (dot(wi, ng) <= 0) break;
-    throughput *= m.albedo * roughnessFactor(m.roughness, n, wo, wi);
+    BsdfSample s;
+    const float u0 = random.next(), u1 = random.next(), u2 = random.next();
+    if (!bsdf.sample(u0, u1, u2, s)) break;
+    // Through glass the path goes on from the far side.
+    const bool through = dot(s.wi, ng) < 0;
+    if (through != (dot(s.wi, n) < 0)) break;  // below the geometry, by the shading normal
+    throughput *= s.weight;
     if (throughput.isBlack()) break;
-    origin = p;
-    direction = wi;
+    origin = through ? offset(at, -ng) : p;
+    direction = s.wi;
     hit = intersectRay(scene, origin, direction, 0, std::numeric_limits<float>::infinity());
+    const float tfar = hit.found ? hit.distance : std::numeric_limits<float>::infinity();
+    for (const RectLight& light : scene.rectLights) {
+      const float t = hitRect(light, origin, direction, tfar);
+      if (t == std::numeric_limits<float>::infinity()) continue;
+      const float lightPdf = t * t / (-dot(light.normal, direction) * light.area);
+      result += throughput * light.radiance * bounceWeight(scene, s, lightPdf);
+    }
     if (!hit.found) {
-      result += throughput * scene.dome;
+      if (scene.dome.active())
+        result += throughput * scene.dome.radiance(direction) *
+                  bounceWeight(scene, s, scene.dome.pdf(direction, ng));
       break;
     }
     result += throughput * scene.materials[hit.geometry].emission;
@@ -188,25 +225,47 @@ Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
   return result;
 }
 
+// What the camera sees where its ray leaves the scene, or passes a
+// rectangle light before `tfar`.
+Vec3 seenLights(const RenderScene& scene, const Vec3& origin, const Vec3& direction, float tfar) {
+  Vec3 seen;
+  float nearest = tfar;
+  for (const RectLight& light : scene.rectLights) {
+    const float t = light.cameraVisible ? hitRect(light, origin, direction, nearest) : nearest;
+    if (t < nearest) {
+      nearest = t;
+      seen = light.radiance;
+    }
+  }
+  if (nearest == std::numeric_limits<float>::infinity() && scene.dome.cameraVisible)
+    seen = scene.dome.radiance(direction);
+  return seen;
+}
+
 }  // namespace
 
 void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
                     const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out) {
-  const bool sampledLights = !scene.pointLights.empty() || !scene.distantLights.empty() ||
-                             !scene.rectLights.empty();
-  const bool onlyFirstHits =
-      maxDepth <= 1 && !sampledLights && scene.dome.isBlack() && !scene.hasEmitters;
+  const bool anyLight = !scene.pointLights.empty() || !scene.distantLights.empty() ||
+                        !scene.rectLights.empty() || scene.dome.active() || scene.hasEmitters;
+  bool seenRects = false;
+  for (const RectLight& light : scene.rectLights) seenRects |= light.cameraVisible;
   for (int i = 0; i < kPacket; ++i) {
     if (!valid[i]) continue;
     const unsigned geometry = packet.hit.geomID[i];
-    if (geometry == RTC_INVALID_GEOMETRY_ID) {
-      out[i] = scene.dome;
-      continue;
-    }
-    out[i] = scene.materials[geometry].emission;
-    if (onlyFirstHits) continue;
     const Vec3 origin(packet.ray.org_x[i], packet.ray.org_y[i], packet.ray.org_z[i]);
     const Vec3 toward(packet.ray.dir_x[i], packet.ray.dir_y[i], packet.ray.dir_z[i]);
+    const bool missed = geometry == RTC_INVALID_GEOMETRY_ID;
+    out[i] = Vec3();
+    if (seenRects || (missed && scene.dome.active() && scene.dome.cameraVisible)) {
+      const float length = pathtracer::length(toward);
+      out[i] = seenLights(scene, origin, toward * (1 / length),
+                          missed ? std::numeric_limits<float>::infinity()
+                                 : packet.ray.tfar[i] * length);
+    }
+    if (missed) continue;
+    out[i] += scene.materials[geometry].emission;
+    if (!anyLight) continue;
     const float length = pathtracer::length(toward);
     Hit hit;
     hit.found = true;
@@ -217,8 +276,7 @@ void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const i
     hit.u = packet.hit.u[i];
     hit.v = packet.hit.v[i];
     Random random(pixels[i], sampleIndex);
-    out[i] += scattered(scene, origin, toward * (1 / length), hit, random, maxDepth,
-                        sampledLights);
+    out[i] += scattered(scene, origin, toward * (1 / length), hit, random, maxDepth);
   }
 }
 

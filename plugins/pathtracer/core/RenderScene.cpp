@@ -1,5 +1,6 @@
 #include "RenderScene.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 #include <sstream>
@@ -16,6 +17,14 @@ using namespace Arbolite3::internal::XoAttribute;
 
 namespace {
 
+const char* const kMaterialParams[] = {"baseColor", "roughness", "metallic", "specular", "ior",
+                                       "transmission", "emissionColor", "emissionIntensity"};
+
+std::set<std::string> withPrefix(const std::string& prefix, std::set<std::string> names) {
+  for (const char* param : kMaterialParams) names.insert(prefix + param);
+  return names;
+}
+
 // Every attribute the renderer reads, by location type, as dotted paths.
 const std::set<std::string>& knownAttributes(const std::string& type) {
   static const std::map<std::string, std::set<std::string>> known = {
@@ -26,13 +35,13 @@ const std::set<std::string>& knownAttributes(const std::string& type) {
                   "geometry.orthographicWidth"}},
       {"light", {"material.lightShader", "material.params.color", "material.params.intensity",
                  "material.params.exposure", "material.params.width", "material.params.height",
-                 "mute"}},
-      {"polymesh", {"geometry.point.P", "geometry.point.N", "geometry.poly.vertexList",
-                    "geometry.poly.startIndex", "geometry.poly.faceCounts", "geometry.file",
-                    "material.params.baseColor", "material.params.roughness",
-                    "material.params.emissionColor", "material.params.emissionIntensity"}},
-      {"material", {"surfaceShader", "params.baseColor", "params.roughness",
-                    "params.emissionColor", "params.emissionIntensity"}},
+                 "material.params.file", "material.params.camera", "material.params.coneAngle",
+                 "material.params.coneSoftness", "mute"}},
+      {"polymesh", withPrefix("material.params.",
+                              {"geometry.point.P", "geometry.point.N", "geometry.poly.vertexList",
+                               "geometry.poly.startIndex", "geometry.poly.faceCounts",
+                               "geometry.file"})},
+      {"material", withPrefix("params.", {"surfaceShader"})},
   };
   static const std::set<std::string> none;
   auto found = known.find(type);
@@ -84,6 +93,10 @@ Material materialFrom(const GroupAttribute& params, Material m) {
   if (!params.isValid()) return m;
   m.albedo = vec3(params.getChildByName("baseColor"), m.albedo);
   m.roughness = float(number(params.getChildByName("roughness"), m.roughness));
+  m.metallic = float(number(params.getChildByName("metallic"), m.metallic));
+  m.specular = float(number(params.getChildByName("specular"), m.specular));
+  m.ior = std::max(1.0f, float(number(params.getChildByName("ior"), m.ior)));
+  m.transmission = float(number(params.getChildByName("transmission"), m.transmission));
   const Vec3 emission = vec3(params.getChildByName("emissionColor"), Vec3(0, 0, 0));
   m.emission = emission * float(number(params.getChildByName("emissionIntensity"), 1.0));
   return m;
@@ -99,6 +112,7 @@ struct Walk {
   const SceneTree& tree;
   OnceReporter& reporter;
   RenderScene& out;
+  const RenderScene* previous;
   std::vector<MeshInstance> meshes;
   std::string firstCamera;
   std::map<std::string, Transform> cameraTransforms;
@@ -148,8 +162,16 @@ struct Walk {
     const float scale = float(number(params.getChildByName("intensity"), 1.0) *
                               std::exp2(number(params.getChildByName("exposure"), 0.0)));
     const Vec3 emitted = color * scale;
+    const Attribute camera = params.getChildByName("camera");
     if (shader == "pointLight") {
       out.pointLights.push_back({world.point(Vec3(0, 0, 0)), emitted});
+    } else if (shader == "spotLight") {
+      PointLight spot{world.point(Vec3(0, 0, 0)), emitted, normalize(world.vector(Vec3(0, 0, -1)))};
+      const double half = std::clamp(number(params.getChildByName("coneAngle"), 60.0), 0.0, 180.0) / 2;
+      const double soft = std::clamp(number(params.getChildByName("coneSoftness"), 0.0), 0.0, 1.0);
+      spot.cosOuter = float(std::cos(half * M_PI / 180));
+      spot.cosInner = float(std::cos(half * (1 - soft) * M_PI / 180));
+      out.pointLights.push_back(spot);
     } else if (shader == "distantLight") {
       out.distantLights.push_back({normalize(-world.vector(Vec3(0, 0, -1))), emitted});
     } else if (shader == "rectLight") {
@@ -162,13 +184,37 @@ struct Walk {
       rect.normal = world.normal(Vec3(0, 0, -1));
       rect.area = length(cross(rect.edgeU, rect.edgeV));
       rect.radiance = emitted;
+      rect.cameraVisible = number(camera, 0) != 0;
       if (rect.area > 0) out.rectLights.push_back(rect);
     } else if (shader == "domeLight") {
-      out.dome += emitted;
+      addDome(path, params, world, emitted, number(camera, 1) != 0);
     } else {
       reporter.warnOnce("lightShader " + shader, "Unknown light shader \"" + shader +
                                                      "\" (first at " + path + "); light ignored");
     }
+  }
+
+  // Uniform domes add up; one image dome takes their colour as its scale.
+  void addDome(const std::string& path, const GroupAttribute& params, const Transform& world,
+               const Vec3& emitted, bool cameraVisible) {
+    DomeLight& dome = out.dome;
+    const std::string file = text(params.getChildByName("file"));
+    const bool first = !dome.active();
+    dome.cameraVisible = first ? cameraVisible : (dome.cameraVisible || cameraVisible);
+    if (file.empty() || dome.hasImage()) {
+      if (!file.empty())
+        reporter.warnOnce("dome " + path, "Dome light " + path + ": only one dome image is "
+                                          "used; its image is ignored");
+      dome.color = dome.hasImage() ? dome.color : dome.color + emitted;
+      return;
+    }
+    std::string error;
+    if (!(previous && dome.reuseImage(previous->dome, file)) && !dome.loadImage(file, error)) {
+      PT_ERROR("Dome light " << path << ": cannot read \"" << file << "\": " << error);
+      return;
+    }
+    dome.color = emitted;
+    dome.setTransform(world);
   }
 };
 
@@ -357,7 +403,7 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
 
   const GroupAttribute settings(root->attributes.getChildByName("renderSettings"));
   readSettings(settings, scene->settings);
-  Walk walk{tree, reporter, *scene, {}, {}, {}};
+  Walk walk{tree, reporter, *scene, previous, {}, {}, {}};
   walk.visit(tree.rootPath(), Transform(), std::string());
 
   std::string cameraPath = text(settings.getChildByName("camera"), walk.firstCamera);

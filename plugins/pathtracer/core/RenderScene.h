@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Bsdf.h"
+#include "DomeLight.h"
 #include "Math.h"
 #include "MeshFile.h"
 #include "SceneTree.h"
@@ -30,15 +32,23 @@ struct Camera {
   float farClip = 1e30f;
 };
 
-struct PointLight { Vec3 position; Vec3 intensity; };
-struct DistantLight { Vec3 towardLight; Vec3 irradiance; };
-struct RectLight { Vec3 corner, edgeU, edgeV, normal; Vec3 radiance; float area = 0; };
-
-struct Material {
-  Vec3 albedo{0.18f, 0.18f, 0.18f};
-  Vec3 emission;
-  float roughness = 0.0f;  // Oren-Nayar sigma in radians; 0 is Lambert
+// A point light is a spot light with a cone of 180 degrees.
+struct PointLight {
+  Vec3 position, intensity;
+  Vec3 axis{0, 0, -1};            // where a spot light points
+  float cosOuter = -2, cosInner = -1;  // the cone's edge and where it starts to fade
 };
+struct DistantLight { Vec3 towardLight; Vec3 irradiance; };
+struct RectLight {
+  Vec3 corner, edgeU, edgeV, normal;
+  Vec3 radiance;
+  float area = 0;
+  bool cameraVisible = false;
+};
+
+// How lights are sampled: both ways, weighted (the default), or one way
+// only, for measurements.
+enum class LightSampling { kBoth, kLightsOnly, kBsdfOnly };
 
 // Per Embree geometry: its material and, when given, per-vertex normals.
 struct MeshShading {
@@ -70,7 +80,8 @@ class RenderScene {
   std::vector<PointLight> pointLights;
   std::vector<DistantLight> distantLights;
   std::vector<RectLight> rectLights;
-  Vec3 dome;
+  DomeLight dome;
+  LightSampling lightSampling = LightSampling::kBoth;
   std::vector<Material> materials;
   bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.

@@ -43,6 +43,8 @@ void Renderer::load(const SceneTree& tree) {
 void Renderer::recompile(bool reuseGeometry) {
   compiled = compileScene(sceneTree, device, meshes, reporter, compiled.get(), reuseGeometry);
   if (options.samples > 0) compiled->settings.samples = options.samples;
+  compiled->lightSampling = options.lightSampling;
+  compiled->dome.uniformSampling = options.uniformDome;
 }
 
 void Renderer::startOverLocked() {

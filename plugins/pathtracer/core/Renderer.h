@@ -29,6 +29,9 @@ struct RendererOptions {
   int samples = 0;             // overrides the scene's when > 0
   std::string output;          // overrides the scene's when not empty
   bool writeImages = true;     // off for measurements of the passes alone
+  // For measurements of the sampling itself.
+  LightSampling lightSampling = LightSampling::kBoth;
+  bool uniformDome = false;    // the dome image's brightness not used to sample it
 };
 
 class Renderer {
