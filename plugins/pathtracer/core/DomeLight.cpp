@@ -135,7 +135,8 @@ Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density) const 
 }
 
 float DomeLight::pdf(const Vec3& toward, const Vec3& n) const {
-  if (!hasImage() || uniformSampling) return std::max(0.0f, dot(toward, n)) / kPi;
+  if (!hasImage()) return 0;  // not sampled: see directLight
+  if (uniformSampling) return std::max(0.0f, dot(toward, n)) / kPi;
   float sinTheta;
   const int texel = texelOf(toward, &sinTheta);
   if (sinTheta <= 1e-6f) return 0;

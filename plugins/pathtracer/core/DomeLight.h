@@ -30,7 +30,8 @@ class DomeLight {
   // from the receiver).
   Vec3 radiance(const Vec3& toward) const;
   // A direction to sample for a receiver with unit normal `n`, and its
-  // solid-angle density; pdf() is the same density for any direction.
+  // solid-angle density; pdf() is the same density for any direction, 0
+  // for a uniform dome, which bounces find as well as sampling would.
   Vec3 sample(float u1, float u2, const Vec3& n, float& pdf) const;
   float pdf(const Vec3& toward, const Vec3& n) const;
 

@@ -157,7 +157,8 @@ Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
     const float pdf = r2 / (cosLight * light.area);
     add(toLight, r * 0.9999f, light.radiance * (1 / pdf), pdf);
   }
-  if (scene.dome.active()) {
+  // A uniform dome is found as well by the bounces alone, at no shadow ray's cost.
+  if (scene.dome.active() && scene.dome.hasImage()) {
     float pdf;
     const float u1 = random.next(), u2 = random.next();
     const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf);

@@ -1,6 +1,6 @@
-// Radiance along camera rays: a path tracer with next-event estimation for
-// point, distant and rectangle lights, and the dome and emissive surfaces
-// found by the paths themselves.
+// Radiance along camera rays: a path tracer that samples the lights at every
+// hit and weighs that against the lights its bounces find (multiple
+// importance sampling); emitting surfaces are found by the bounces alone.
 #pragma once
 
 #include <cstdint>
