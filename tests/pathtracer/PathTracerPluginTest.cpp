@@ -136,3 +136,21 @@ TEST(PathTracerPlugin, SequenceNeverOverwritesItsOwnImages) {
             2u) << result.err;
   EXPECT_EQ(readImage(dir.file("img.0001.exr")).width, 24);
 }
+
+// Outputs go into the EXR as named channels, beside beauty's RGB.
+TEST(PathTracerPlugin, OutputsAreChannelsOfTheExr) {
+  TempDir dir;
+  const RunResult result = runKindlet(
+      {"-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree",
+       dir.write("scene.optree.json",
+                 scene("[0.0, 3.0, 0.0]", R"(, "lightGroup": "key")",
+                       R"("resolution": [24, 16], "samples": 1, "outputs": ["depth", "lightGroups"])")),
+       "-renderer", "pathtracer", "-renderMethodName", "diskRender", "-outputImage",
+       dir.file("layers.exr")});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  auto in = OIIO::ImageInput::open(dir.file("layers.exr"));
+  ASSERT_TRUE(in) << result.err;
+  std::vector<std::string> names = in->spec().channelnames;
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"B", "G", "R", "Z", "key.B", "key.G", "key.R"}));
+}

@@ -231,3 +231,42 @@ TEST(Shading, LightsSeenByTheCameraAndTurnedDomes) {
   EXPECT_EQ(seen("-90.0", R"(, "camera": 0)", ""), 0);
   EXPECT_EQ(seen("-90.0", "", R"(, "camera": 1)"), 7);  // in front of the dome
 }
+
+// Diffuse, specular and emission add up to beauty, and so do the light
+// groups when every light is in one; albedo and depth are the first hit's.
+TEST(Shading, OutputsAddUpToBeauty) {
+  Renderer renderer(quiet());
+  renderer.load(sceneOf(
+      R"({"resolution": [24, 24], "samples": 4, "maxDepth": 3,
+          "outputs": ["diffuse", "specular", "emission", "albedo", "depth", "lightGroups"]})",
+      floorOf(R"({"baseColor": [0.8, 0.5, 0.2], "specular": 1.0, "roughness": 0.3})") + "," +
+          cameraAt(0) + "," +
+          R"({"name": "sky", "type": "light", "attributes": {"lightGroup": "sky", "material": {
+        "lightShader": "domeLight", "params": {"intensity": 0.5}}}},
+      {"name": "key", "type": "light", "attributes": {"xform": {"translate": [0.0, 2.0, 0.0],
+        "rotate": [-90.0, 0.0, 0.0]}, "lightGroup": "key", "material": {"lightShader": "rectLight",
+        "params": {"intensity": 5.0}}}},
+      {"name": "bulb", "type": "light", "attributes": {"xform": {"translate": [1.0, 1.0, 0.0]},
+        "lightGroup": "key", "material": {"lightShader": "pointLight"}}})"));
+  ASSERT_TRUE(renderer.renderBatch());
+  const OutputLayout& layout = renderer.scene().layout;
+  ASSERT_EQ(layout.channels, 3 + 3 * 4 + 1 + 3 * 2);
+  const std::vector<float> all = renderer.outputs();
+  double diffuse = 0, specular = 0;
+  for (size_t p = 0; p < all.size(); p += size_t(layout.channels)) {
+    const float* px = &all[p];
+    for (int c = 0; c < 3; ++c) {
+      const float beauty = px[c], tolerance = 1e-5f + 1e-5f * beauty;
+      EXPECT_NEAR(px[layout.diffuse + c] + px[layout.specular + c] + px[layout.emission + c],
+                  beauty, tolerance);
+      EXPECT_NEAR(px[layout.groups + c] + px[layout.groups + 3 + c], beauty, tolerance);
+      EXPECT_FLOAT_EQ(px[layout.albedo + c], c == 0 ? 0.8f : c == 1 ? 0.5f : 0.2f);
+    }
+    diffuse += px[layout.diffuse];
+    specular += px[layout.specular];
+    // Every camera ray meets the floor 10 units away.
+    EXPECT_NEAR(px[layout.depth], 10.0f, 1e-3f);
+  }
+  EXPECT_GT(diffuse, 0);
+  EXPECT_GT(specular, 0);
+}

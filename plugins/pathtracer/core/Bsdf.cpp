@@ -97,15 +97,19 @@ Bsdf::Bsdf(const Material& material, const Vec3& normal, const Vec3& outgoing, b
   for (int i = 0; i < kLobes; ++i) probability[i] = total > 0 ? p[i] / total : 0;
 }
 
-Vec3 Bsdf::evaluate(const Vec3& wi, float& pdf) const { return evaluateLocal(local(wi), pdf); }
+Vec3 Bsdf::evaluate(const Vec3& wi, float& pdf, Vec3* diffuse) const {
+  return evaluateLocal(local(wi), pdf, diffuse);
+}
 
-Vec3 Bsdf::evaluateLocal(const Vec3& wi, float& pdf) const {
+Vec3 Bsdf::evaluateLocal(const Vec3& wi, float& pdf, Vec3* diffuse) const {
   pdf = 0;
+  if (diffuse) *diffuse = Vec3();
   if (wi.z <= 0) return Vec3();
   Vec3 f;
   if (probability[kDiffuse] > 0 || weight[kDiffuse] > 0) {
     f += m.albedo * (weight[kDiffuse] * wi.z / kPi * orenNayar(m.roughness, wo, wi));
     pdf += probability[kDiffuse] * wi.z / kPi;
+    if (diffuse) *diffuse = f;
   }
   if (alpha >= kSmoothAlpha) {
     const float a2 = alpha * alpha;
@@ -190,10 +194,12 @@ bool Bsdf::sample(float u0, float u1, float u2, BsdfSample& out) const {
   }
   if (wi.z <= 0) return false;
   float pdf;
-  const Vec3 f = evaluateLocal(wi, pdf);
+  Vec3 diffuse;
+  const Vec3 f = evaluateLocal(wi, pdf, &diffuse);
   if (pdf <= 0) return false;
   out.wi = world(wi);
   out.weight = f * (1 / pdf);
+  out.diffuseWeight = diffuse * (1 / pdf);
   out.pdf = pdf;
   out.specular = false;
   return true;

@@ -23,6 +23,7 @@ constexpr float kSmoothAlpha = 1e-3f;
 struct BsdfSample {
   Vec3 wi;       // unit, world space
   Vec3 weight;   // f |cos| / density
+  Vec3 diffuseWeight;  // the diffuse base's part of it
   float pdf = 0;  // density of the lobes that light sampling also reaches
   // Made by a lobe that light sampling cannot reach (a mirror, glass
   // transmission): the light it finds counts in full.
@@ -39,14 +40,15 @@ class Bsdf {
   bool rough() const { return probability[kDiffuse] > 0 || alpha >= kSmoothAlpha; }
   // f |cos wi| toward unit `wi`, and the density with which sample() makes
   // wi. Glass transmission is not evaluated: only sample() finds it.
-  Vec3 evaluate(const Vec3& wi, float& pdf) const;
+  // `diffuse`, when given, gets the diffuse base's part of the result.
+  Vec3 evaluate(const Vec3& wi, float& pdf, Vec3* diffuse = nullptr) const;
   bool sample(float u0, float u1, float u2, BsdfSample& out) const;
 
  private:
   enum Lobe { kConductor, kLayer, kDiffuse, kGlass, kLobes };
   Vec3 local(const Vec3& w) const { return {dot(w, t), dot(w, b), dot(w, n)}; }
   Vec3 world(const Vec3& w) const { return t * w.x + b * w.y + n * w.z; }
-  Vec3 evaluateLocal(const Vec3& wi, float& pdf) const;
+  Vec3 evaluateLocal(const Vec3& wi, float& pdf, Vec3* diffuse) const;
 
   const Material& m;
   Vec3 n, t, b, wo;  // wo in the local frame

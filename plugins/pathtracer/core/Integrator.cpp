@@ -110,22 +110,51 @@ float bounceWeight(const RenderScene& scene, const BsdfSample& s, float lightPdf
   }
 }
 
+// What a path adds up: its radiance and, when outputs are asked for, how it
+// splits by the first hit's diffuse base and by light group.
+struct Tally {
+  Vec3 beauty;
+  PathOutputs* outputs = nullptr;
+  Vec3 throughput{1, 1, 1};
+  // After the first bounce: the diffuse base's share of each channel of
+  // the throughput; at the first hit, shares come with each light sample.
+  Vec3 diffuseShare;
+  bool firstHit = true;
+
+  // `amount` arrives before the throughput; `diffuse` is its diffuse part
+  // at the first hit.
+  void add(const Vec3& amount, const Vec3& diffuse, int group) {
+    const Vec3 added = throughput * amount;
+    beauty += added;
+    if (!outputs) return;
+    outputs->diffuse += firstHit ? diffuse : diffuseShare * added;
+    if (group >= 0) outputs->groups[group] += added;
+  }
+};
+
+Vec3 share(const Vec3& part, const Vec3& whole) {
+  return {whole.x > 0 ? part.x / whole.x : 0, whole.y > 0 ? part.y / whole.y : 0,
+          whole.z > 0 ? part.z / whole.z : 0};
+}
+
 // Light arriving at `p` directly from every light that can be sampled (one
 // sample each), times the surface's response, weighted against finding the
 // same light by a bounce.
-Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const Bsdf& bsdf,
-                 Random& random) {
-  Vec3 sum;
+void directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const Bsdf& bsdf,
+                 Random& random, Tally& tally) {
   const bool weighLights = scene.lightSampling == LightSampling::kBoth;
+  const bool split = tally.outputs && tally.firstHit;
   // `lightPdf` 0: a delta light, which only light sampling finds.
-  auto add = [&](const Vec3& toLight, float distance, const Vec3& arriving, float lightPdf) {
+  auto add = [&](const Vec3& toLight, float distance, const Vec3& arriving, float lightPdf,
+                 int group) {
     if (arriving.isBlack() || dot(toLight, ng) <= 0) return;
     float bsdfPdf;
-    const Vec3 f = bsdf.evaluate(toLight, bsdfPdf);
+    Vec3 diffuse;
+    const Vec3 f = bsdf.evaluate(toLight, bsdfPdf, split ? &diffuse : nullptr);
     if (f.isBlack()) return;
     if (occluded(scene, p, toLight, distance)) return;
     const float w = lightPdf > 0 && weighLights ? powerHeuristic(lightPdf, bsdfPdf) : 1;
-    sum += f * arriving * w;
+    tally.add(f * arriving * w, diffuse * arriving * w, group);
   };
   for (const PointLight& light : scene.pointLights) {
     const Vec3 d = light.position - p;
@@ -140,11 +169,12 @@ Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
       const float x = std::clamp((c - light.cosOuter) / (light.cosInner - light.cosOuter), 0.0f, 1.0f);
       cone = x * x * (3 - 2 * x);
     }
-    if (cone > 0) add(toLight, r * 0.9999f, light.intensity * (cone / r2), 0);
+    if (cone > 0) add(toLight, r * 0.9999f, light.intensity * (cone / r2), 0, light.group);
   }
   for (const DistantLight& light : scene.distantLights)
-    add(light.towardLight, std::numeric_limits<float>::infinity(), light.irradiance, 0);
-  if (scene.lightSampling == LightSampling::kBsdfOnly || !bsdf.rough()) return sum;
+    add(light.towardLight, std::numeric_limits<float>::infinity(), light.irradiance, 0,
+        light.group);
+  if (scene.lightSampling == LightSampling::kBsdfOnly || !bsdf.rough()) return;
   for (const RectLight& light : scene.rectLights) {
     const Vec3 q = light.corner + light.edgeU * random.next() + light.edgeV * random.next();
     const Vec3 d = q - p;
@@ -155,7 +185,7 @@ Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
     const float cosLight = -dot(light.normal, toLight);
     if (cosLight <= 0) continue;
     const float pdf = r2 / (cosLight * light.area);
-    add(toLight, r * 0.9999f, light.radiance * (1 / pdf), pdf);
+    add(toLight, r * 0.9999f, light.radiance * (1 / pdf), pdf, light.group);
   }
   // A uniform dome is found as well by the bounces alone, at no shadow ray's cost.
   if (scene.dome.active() && scene.dome.hasImage()) {
@@ -163,9 +193,9 @@ Vec3 directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
     const float u1 = random.next(), u2 = random.next();
     const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf);
     if (pdf > 0)
-      add(wi, std::numeric_limits<float>::infinity(), scene.dome.radiance(wi) * (1 / pdf), pdf);
+      add(wi, std::numeric_limits<float>::infinity(), scene.dome.radiance(wi) * (1 / pdf), pdf,
+          scene.domeGroup);
   }
-  return sum;
 }
 
 }  // namespace
@@ -179,12 +209,11 @@ namespace {
 // hit's own emission: the light arriving directly at each of at most
 // `segments` hits (the one that made `hit` counted), whatever kind of light
 // it comes from, and the paths bounced on between them.
-Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
-               int segments) {
+void scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, Random& random,
+               int segments, Tally& tally) {
   // Rectangles and the dome are found by bounces too, and emitting surfaces
   // only so: the last hit needs a bounce only when there are some.
   const bool foundLights = scene.dome.active() || scene.hasEmitters || !scene.rectLights.empty();
-  Vec3 result, throughput(1, 1, 1);
   for (int depth = 1;; ++depth) {
     const bool last = depth == segments;
     const Vec3 wo = -direction;
@@ -192,8 +221,13 @@ Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
     facingNormals(scene, hit, wo, ng, n);
     const Vec3 at = origin + direction * hit.distance;
     const Vec3 p = offset(at, ng);
-    const Bsdf bsdf(scene.materials[hit.geometry], n, wo, dot(hit.rawNormal, wo) > 0);
-    result += throughput * directLight(scene, p, ng, bsdf, random);
+    const Material& material = scene.materials[hit.geometry];
+    const Bsdf bsdf(material, n, wo, dot(hit.rawNormal, wo) > 0);
+    if (tally.outputs && depth == 1) {
+      tally.outputs->albedo = material.albedo;
+      tally.outputs->normal = n;
+    }
+    directLight(scene, p, ng, bsdf, random, tally);
     if (last && !foundLights) break;
 
     BsdfSample s;
@@ -202,8 +236,10 @@ Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
     // Through glass the path goes on from the far side.
     const bool through = dot(s.wi, ng) < 0;
     if (through != (dot(s.wi, n) < 0)) break;  // below the geometry, by the shading normal
-    throughput *= s.weight;
-    if (throughput.isBlack()) break;
+    if (tally.firstHit) tally.diffuseShare = share(s.diffuseWeight, s.weight);
+    tally.firstHit = false;
+    tally.throughput *= s.weight;
+    if (tally.throughput.isBlack()) break;
     origin = through ? offset(at, -ng) : p;
     direction = s.wi;
     hit = intersectRay(scene, origin, direction, 0, std::numeric_limits<float>::infinity());
@@ -212,47 +248,55 @@ Vec3 scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
       const float t = hitRect(light, origin, direction, tfar);
       if (t == std::numeric_limits<float>::infinity()) continue;
       const float lightPdf = t * t / (-dot(light.normal, direction) * light.area);
-      result += throughput * light.radiance * bounceWeight(scene, s, lightPdf);
+      tally.add(light.radiance * bounceWeight(scene, s, lightPdf), Vec3(), light.group);
     }
     if (!hit.found) {
       if (scene.dome.active())
-        result += throughput * scene.dome.radiance(direction) *
-                  bounceWeight(scene, s, scene.dome.pdf(direction, ng));
+        tally.add(scene.dome.radiance(direction) *
+                      bounceWeight(scene, s, scene.dome.pdf(direction, ng)),
+                  Vec3(), scene.domeGroup);
       break;
     }
-    result += throughput * scene.materials[hit.geometry].emission;
+    tally.add(scene.materials[hit.geometry].emission, Vec3(), -1);
     if (last) break;
   }
-  return result;
 }
 
 // What the camera sees where its ray leaves the scene, or passes a
-// rectangle light before `tfar`.
-Vec3 seenLights(const RenderScene& scene, const Vec3& origin, const Vec3& direction, float tfar) {
+// rectangle light before `tfar`; `group` gets the light's group.
+Vec3 seenLights(const RenderScene& scene, const Vec3& origin, const Vec3& direction, float tfar,
+                int& group) {
   Vec3 seen;
   float nearest = tfar;
+  group = -1;
   for (const RectLight& light : scene.rectLights) {
     const float t = light.cameraVisible ? hitRect(light, origin, direction, nearest) : nearest;
     if (t < nearest) {
       nearest = t;
       seen = light.radiance;
+      group = light.group;
     }
   }
-  if (nearest == std::numeric_limits<float>::infinity() && scene.dome.cameraVisible)
+  if (nearest == std::numeric_limits<float>::infinity() && scene.dome.cameraVisible) {
     seen = scene.dome.radiance(direction);
+    group = scene.domeGroup;
+  }
   return seen;
 }
 
 }  // namespace
 
 void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
-                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out) {
+                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out,
+                    PathOutputs* outputs) {
   const bool anyLight = !scene.pointLights.empty() || !scene.distantLights.empty() ||
                         !scene.rectLights.empty() || scene.dome.active() || scene.hasEmitters;
   bool seenRects = false;
   for (const RectLight& light : scene.rectLights) seenRects |= light.cameraVisible;
   for (int i = 0; i < kPacket; ++i) {
     if (!valid[i]) continue;
+    PathOutputs* o = outputs ? &outputs[i] : nullptr;
+    if (o) *o = PathOutputs();
     const unsigned geometry = packet.hit.geomID[i];
     const Vec3 origin(packet.ray.org_x[i], packet.ray.org_y[i], packet.ray.org_z[i]);
     const Vec3 toward(packet.ray.dir_x[i], packet.ray.dir_y[i], packet.ray.dir_z[i]);
@@ -260,12 +304,22 @@ void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const i
     out[i] = Vec3();
     if (seenRects || (missed && scene.dome.active() && scene.dome.cameraVisible)) {
       const float length = pathtracer::length(toward);
+      int group;
       out[i] = seenLights(scene, origin, toward * (1 / length),
                           missed ? std::numeric_limits<float>::infinity()
-                                 : packet.ray.tfar[i] * length);
+                                 : packet.ray.tfar[i] * length,
+                          group);
+      if (o && group >= 0) o->groups[group] = out[i];
     }
-    if (missed) continue;
+    if (missed) {
+      if (o) o->emission = out[i];
+      continue;
+    }
     out[i] += scene.materials[geometry].emission;
+    if (o) {
+      o->emission = out[i];
+      o->depth = packet.ray.tfar[i];  // directions have unit depth along the view
+    }
     if (!anyLight) continue;
     const float length = pathtracer::length(toward);
     Hit hit;
@@ -277,8 +331,29 @@ void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const i
     hit.u = packet.hit.u[i];
     hit.v = packet.hit.v[i];
     Random random(pixels[i], sampleIndex);
-    out[i] += scattered(scene, origin, toward * (1 / length), hit, random, maxDepth);
+    Tally tally;
+    tally.outputs = o;
+    scattered(scene, origin, toward * (1 / length), hit, random, maxDepth, tally);
+    out[i] += tally.beauty;
   }
+}
+
+void addOutputs(const OutputLayout& layout, const PathOutputs& o, const Vec3& beauty,
+                float* pixel) {
+  auto put = [&](int offset, const Vec3& v) {
+    if (offset < 0) return;
+    pixel[offset] += v.x; pixel[offset + 1] += v.y; pixel[offset + 2] += v.z;
+  };
+  put(layout.diffuse, o.diffuse);
+  // The rest of the light, so that the three add up to beauty.
+  put(layout.specular, beauty - o.emission - o.diffuse);
+  put(layout.emission, o.emission);
+  put(layout.albedo, o.albedo);
+  put(layout.normal, o.normal);
+  if (layout.depth >= 0) pixel[layout.depth] += o.depth;
+  if (layout.groups >= 0)
+    for (int g = 0; layout.groups + 3 * g + 2 < layout.channels; ++g)
+      put(layout.groups + 3 * g, o.groups[g]);
 }
 
 }  // namespace pathtracer

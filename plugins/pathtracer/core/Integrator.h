@@ -30,11 +30,26 @@ class Random {
   uint64_t state;
 };
 
+// What a camera sample adds to the outputs besides beauty (see OutputLayout).
+struct PathOutputs {
+  Vec3 diffuse;   // light whose first scattering was by the diffuse base
+  Vec3 emission;  // emitting surfaces and lights the camera sees
+  Vec3 albedo, normal;
+  float depth = 0;  // along the view axis; 0 where nothing is hit
+  Vec3 groups[kMaxLightGroups];
+};
+
 // Radiance along the camera rays of a traced packet (see CameraRays), for
 // paths of at most `maxDepth` segments, into out[i] for each lane i switched
 // on in `valid`. Lane i's random numbers are seeded with pixels[i] and
 // `sampleIndex`, and only when its path goes on past the camera ray's hit.
+// `outputs`, when given, gets each lane's other outputs.
 void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
-                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out);
+                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out,
+                    PathOutputs* outputs = nullptr);
+
+// Adds a sample's outputs, besides beauty, into `pixel` laid out by `layout`.
+void addOutputs(const OutputLayout& layout, const PathOutputs& o, const Vec3& beauty,
+                float* pixel);
 
 }  // namespace pathtracer

@@ -29,14 +29,15 @@ std::set<std::string> withPrefix(const std::string& prefix, std::set<std::string
 const std::set<std::string>& knownAttributes(const std::string& type) {
   static const std::map<std::string, std::set<std::string>> known = {
       {"root", {"renderSettings.camera", "renderSettings.resolution", "renderSettings.samples",
-                "renderSettings.maxDepth", "renderSettings.frame", "renderSettings.output"}},
+                "renderSettings.maxDepth", "renderSettings.frame", "renderSettings.output",
+                "renderSettings.outputs"}},
       {"group", {}},
       {"camera", {"geometry.projection", "geometry.fov", "geometry.near", "geometry.far",
                   "geometry.orthographicWidth"}},
       {"light", {"material.lightShader", "material.params.color", "material.params.intensity",
                  "material.params.exposure", "material.params.width", "material.params.height",
                  "material.params.file", "material.params.camera", "material.params.coneAngle",
-                 "material.params.coneSoftness", "mute"}},
+                 "material.params.coneSoftness", "lightGroup", "mute"}},
       {"polymesh", withPrefix("material.params.",
                               {"geometry.point.P", "geometry.point.N", "geometry.poly.vertexList",
                                "geometry.poly.startIndex", "geometry.poly.faceCounts",
@@ -163,17 +164,19 @@ struct Walk {
                               std::exp2(number(params.getChildByName("exposure"), 0.0)));
     const Vec3 emitted = color * scale;
     const Attribute camera = params.getChildByName("camera");
+    const int group = groupOf(path, text(attrs.getChildByName("lightGroup")));
     if (shader == "pointLight") {
-      out.pointLights.push_back({world.point(Vec3(0, 0, 0)), emitted});
+      out.pointLights.push_back({world.point(Vec3(0, 0, 0)), emitted, group});
     } else if (shader == "spotLight") {
-      PointLight spot{world.point(Vec3(0, 0, 0)), emitted, normalize(world.vector(Vec3(0, 0, -1)))};
+      PointLight spot{world.point(Vec3(0, 0, 0)), emitted, group,
+                      normalize(world.vector(Vec3(0, 0, -1)))};
       const double half = std::clamp(number(params.getChildByName("coneAngle"), 60.0), 0.0, 180.0) / 2;
       const double soft = std::clamp(number(params.getChildByName("coneSoftness"), 0.0), 0.0, 1.0);
       spot.cosOuter = float(std::cos(half * M_PI / 180));
       spot.cosInner = float(std::cos(half * (1 - soft) * M_PI / 180));
       out.pointLights.push_back(spot);
     } else if (shader == "distantLight") {
-      out.distantLights.push_back({normalize(-world.vector(Vec3(0, 0, -1))), emitted});
+      out.distantLights.push_back({normalize(-world.vector(Vec3(0, 0, -1))), emitted, group});
     } else if (shader == "rectLight") {
       const float w = float(number(params.getChildByName("width"), 1.0));
       const float h = float(number(params.getChildByName("height"), 1.0));
@@ -185,13 +188,30 @@ struct Walk {
       rect.area = length(cross(rect.edgeU, rect.edgeV));
       rect.radiance = emitted;
       rect.cameraVisible = number(camera, 0) != 0;
+      rect.group = group;
       if (rect.area > 0) out.rectLights.push_back(rect);
     } else if (shader == "domeLight") {
       addDome(path, params, world, emitted, number(camera, 1) != 0);
+      if (out.domeGroup < 0) out.domeGroup = group;
     } else {
       reporter.warnOnce("lightShader " + shader, "Unknown light shader \"" + shader +
                                                      "\" (first at " + path + "); light ignored");
     }
+  }
+
+  int groupOf(const std::string& path, const std::string& name) {
+    if (name.empty()) return -1;
+    std::vector<std::string>& groups = out.lightGroups;
+    const auto found = std::find(groups.begin(), groups.end(), name);
+    if (found != groups.end()) return int(found - groups.begin());
+    if (groups.size() == size_t(kMaxLightGroups)) {
+      reporter.warnOnce("groups " + name, "Light " + path + ": more than " +
+                                              std::to_string(kMaxLightGroups) +
+                                              " light groups; \"" + name + "\" ignored");
+      return -1;
+    }
+    groups.push_back(name);
+    return int(groups.size()) - 1;
   }
 
   // Uniform domes add up; one image dome takes their colour as its scale.
@@ -351,6 +371,19 @@ void readSettings(const GroupAttribute& settings, RenderSettings& s) {
     else invalid(c.name, attr, c.expected);
   }
   s.frameGiven = settings.getChildByName("frame").isValid();
+  const StringAttribute outputs(settings.getChildByName("outputs"));
+  if (settings.getChildByName("outputs").isValid() && !outputs.isValid())
+    invalid("outputs", settings.getChildByName("outputs"), "a list of output names");
+  for (size_t i = 0; outputs.isValid() && i < outputs.getNumberOfValues(); ++i) {
+    const std::string name = outputs.getValues()[i];
+    if (name != "diffuse" && name != "specular" && name != "emission" && name != "albedo" &&
+        name != "normal" && name != "depth" && name != "lightGroups") {
+      PT_ERROR("Invalid renderSettings.outputs: unknown output \"" << name << "\"; expected "
+               "diffuse, specular, emission, albedo, normal, depth or lightGroups");
+      s.valid = false;
+    }
+    s.outputs.push_back(name);
+  }
   s.output = text(settings.getChildByName("output"));
   if (!s.valid) return;
   // The image's sums, its average and the copy being written: refuse what
@@ -363,6 +396,36 @@ void readSettings(const GroupAttribute& settings, RenderSettings& s) {
              << " GiB");
     s.valid = false;
   }
+}
+
+void layOut(RenderScene& scene) {
+  OutputLayout& l = scene.layout;
+  l.names = {"R", "G", "B"};
+  auto add = [&](const std::string& name, int& offset, int count) {
+    offset = l.channels;
+    l.channels += count;
+    if (count == 1) l.names.push_back(name + ".Z");
+    else for (const char* c : {".R", ".G", ".B"}) l.names.push_back(name + c);
+  };
+  const std::vector<std::string>& wanted = scene.settings.outputs;
+  auto asked = [&](const char* name) {
+    return std::find(wanted.begin(), wanted.end(), name) != wanted.end();
+  };
+  if (asked("diffuse")) add("diffuse", l.diffuse, 3);
+  if (asked("specular")) add("specular", l.specular, 3);
+  if (asked("emission")) add("emission", l.emission, 3);
+  if (asked("albedo")) add("albedo", l.albedo, 3);
+  if (asked("normal")) add("normal", l.normal, 3);
+  if (asked("depth")) {
+    add("depth", l.depth, 1);
+    l.names.back() = "Z";
+  }
+  if (asked("lightGroups"))
+    for (size_t g = 0; g < scene.lightGroups.size(); ++g) {
+      int offset;
+      add(scene.lightGroups[g], offset, 3);
+      if (g == 0) l.groups = offset;
+    }
 }
 
 }  // namespace
@@ -440,6 +503,7 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
   for (const MeshShading& shading : scene->geometry->meshes)
     scene->materials.push_back(byPath.count(shading.path) ? byPath[shading.path] : Material());
   for (const Material& m : scene->materials) scene->hasEmitters |= !m.emission.isBlack();
+  layOut(*scene);
   return scene;
 }
 

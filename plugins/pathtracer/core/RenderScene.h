@@ -33,17 +33,32 @@ struct Camera {
 };
 
 // A point light is a spot light with a cone of 180 degrees.
+// Light groups have their own beauty output; -1 is no group.
+constexpr int kMaxLightGroups = 16;
+
 struct PointLight {
   Vec3 position, intensity;
+  int group = -1;
   Vec3 axis{0, 0, -1};            // where a spot light points
   float cosOuter = -2, cosInner = -1;  // the cone's edge and where it starts to fade
 };
-struct DistantLight { Vec3 towardLight; Vec3 irradiance; };
+struct DistantLight { Vec3 towardLight; Vec3 irradiance; int group = -1; };
 struct RectLight {
   Vec3 corner, edgeU, edgeV, normal;
   Vec3 radiance;
   float area = 0;
   bool cameraVisible = false;
+  int group = -1;
+};
+
+// Where each output is in a pixel of the image's sums, in floats; -1 when
+// not asked for. Beauty is always first.
+struct OutputLayout {
+  int channels = 3;
+  int diffuse = -1, specular = -1, emission = -1, albedo = -1, normal = -1, depth = -1;
+  int groups = -1;  // the first light group's RGB, the others after it
+  std::vector<std::string> names;  // of every channel, for the image file
+  bool any() const { return channels > 3; }
 };
 
 // How lights are sampled: both ways, weighted (the default), or one way
@@ -66,6 +81,7 @@ struct RenderSettings {
   bool frameGiven = false;  // renderSettings.frame was set
   bool valid = true;        // false after an invalid setting was reported
   std::string output;  // '#' runs become the zero-padded frame number
+  std::vector<std::string> outputs;  // besides beauty
 };
 
 class RenderScene {
@@ -82,6 +98,9 @@ class RenderScene {
   std::vector<RectLight> rectLights;
   DomeLight dome;
   LightSampling lightSampling = LightSampling::kBoth;
+  std::vector<std::string> lightGroups;  // by group index
+  int domeGroup = -1;
+  OutputLayout layout;
   std::vector<Material> materials;
   bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.

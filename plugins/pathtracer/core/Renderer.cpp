@@ -49,7 +49,8 @@ void Renderer::recompile(bool reuseGeometry) {
 
 void Renderer::startOverLocked() {
   try {
-    sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
+    sums.assign(size_t(compiled->settings.width) * compiled->settings.height *
+                    compiled->layout.channels, 0.0f);
   } catch (const std::bad_alloc&) {
     PT_ERROR("Cannot allocate the image of " << compiled->settings.width << "x"
                                              << compiled->settings.height << " pixels");
@@ -82,13 +83,15 @@ bool Renderer::writeImage(const std::vector<float>& pixels) {
                                    "the image is not written");
     return false;
   }
-  return writeImageTo(path, compiled->settings.width, compiled->settings.height, pixels);
+  return writeImageTo(path, compiled->settings.width, compiled->settings.height, pixels,
+                      compiled->layout.names);
 }
 
 bool Renderer::writeImageTo(const std::string& path, int width, int height,
-                            const std::vector<float>& pixels) {
+                            const std::vector<float>& pixels,
+                            const std::vector<std::string>& channels) {
   std::string error;
-  if (!writeImageAtomically(path, width, height, pixels, error)) {
+  if (!writeImageAtomically(path, width, height, pixels, error, channels)) {
     PT_ERROR("Cannot write image \"" << path << "\": " << error);
     return false;
   }
@@ -189,16 +192,18 @@ void Renderer::liveLoop() {
     // neither a viewer nor an update waits for the file.
     std::string path;
     int width = 0, height = 0;
+    std::vector<std::string> channels;
     if (current && options.writeImages) {
       path = outputPath();
       width = compiled->settings.width;
       height = compiled->settings.height;
+      channels = compiled->layout.names;
       if (path.empty()) writeImage(pixels);  // only warns
     }
     busy = false;
     lock.unlock();
     stateChanged.notify_all();
-    if (!path.empty()) writeImageTo(path, width, height, pixels);
+    if (!path.empty()) writeImageTo(path, width, height, pixels, channels);
     lock.lock();
   }
 }
@@ -266,6 +271,16 @@ std::vector<float> Renderer::image(int* width, int* samples) {
   std::lock_guard<std::mutex> lock(stateMutex);
   if (width) *width = compiled->settings.width;
   if (samples) *samples = samplesDone;
+  const size_t channels = size_t(compiled->layout.channels);
+  if (channels == 3) return latest;
+  std::vector<float> beauty(latest.size() / channels * 3);
+  for (size_t i = 0; i < beauty.size() / 3; ++i)
+    std::copy_n(&latest[i * channels], 3, &beauty[3 * i]);
+  return beauty;
+}
+
+std::vector<float> Renderer::outputs() {
+  std::lock_guard<std::mutex> lock(stateMutex);
   return latest;
 }
 

@@ -68,6 +68,8 @@ class Renderer {
   // The last complete image of the current state, width * height * 3, and
   // its samples per pixel (0 for the quick first image).
   std::vector<float> image(int* width = nullptr, int* samples = nullptr);
+  // The same with every output, laid out as scene().layout says.
+  std::vector<float> outputs();
   const SceneTree& tree() const { return sceneTree; }
   const RenderScene& scene() const { return *compiled; }
   // The output path of the current frame, "" when none was set.
@@ -80,7 +82,7 @@ class Renderer {
   std::vector<float> average(int samples) const;
   bool writeImage(const std::vector<float>& pixels);
   bool writeImageTo(const std::string& path, int width, int height,
-                    const std::vector<float>& pixels);
+                    const std::vector<float>& pixels, const std::vector<std::string>& channels);
 
   RendererOptions options;
   RTCDevice device = nullptr;
