@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "TestScenes.h"
+#include "Textures.h"
 
 using namespace pathtracer;
 
@@ -269,4 +270,44 @@ TEST(Shading, OutputsAddUpToBeauty) {
   }
   EXPECT_GT(diffuse, 0);
   EXPECT_GT(specular, 0);
+}
+
+// A lookup at a texel's centre returns that texel (t = 0 the top row); a
+// textured floor takes its colour from its texture coordinates, v up.
+TEST(Shading, TexturesAtTexelCentresAndOnMeshes) {
+  const std::string file = testing::TempDir() + "/texels.exr";
+  std::vector<float> texels(4 * 2 * 3);
+  for (size_t i = 0; i < texels.size(); ++i) texels[i] = float(i) / 8;
+  auto out = OIIO::ImageOutput::create(file);
+  ASSERT_TRUE(out && out->open(file, OIIO::ImageSpec(4, 2, 3, OIIO::TypeDesc::FLOAT)) &&
+              out->write_image(OIIO::TypeDesc::FLOAT, texels.data()) && out->close());
+  float value[3];
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 4; ++x) {
+      ASSERT_TRUE(Textures::shared().lookup(Textures::name(file), (x + 0.5f) / 4, (y + 0.5f) / 2,
+                                            0, 3, value));
+      for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(value[c], texels[3 * (y * 4 + x) + c]);
+    }
+  // A 4 x 2 floor with u from 0 to 1 along x and v from 0 to 1 along -z,
+  // seen from above with +x right and -z up, one pixel a unit.
+  Renderer renderer(quiet(1));
+  renderer.load(sceneOf(R"({"resolution": [4, 2], "samples": 1, "outputs": ["albedo"]})",
+                        R"({"name": "floor", "type": "polymesh", "attributes": {"geometry": {
+      "point": {"P": [-2.0,0.0,1.0, 2.0,0.0,1.0, 2.0,0.0,-1.0, -2.0,0.0,-1.0],
+                "st": [0.0,0.0, 1.0,0.0, 1.0,1.0, 0.0,1.0]},
+      "poly": {"faceCounts": [4], "vertexList": [0,1,2,3]}},
+      "material": {"params": {"baseColorTexture": ")" + file + R"("}}}},
+      {"name": "cam", "type": "camera", "attributes": {"geometry": {"projection": "orthographic",
+        "orthographicWidth": 2.0}, "xform": {"translate": [0.0, 5.0, 0.0], "rotate": [-90.0, 0.0, 0.0]}}},
+      {"name": "sun", "type": "light", "attributes": {"material": {"lightShader": "distantLight"}}})"));
+  ASSERT_TRUE(renderer.renderBatch());
+  const std::vector<float> all = renderer.outputs();
+  const int albedo = renderer.scene().layout.albedo;
+  // The first pass samples a third down each pixel: 5/6 of the pixel's
+  // own texel and 1/6 of the one above it (the texture wraps).
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 4; ++x)
+      EXPECT_NEAR(all[size_t(y * 4 + x) * 6 + albedo],
+                  texels[3 * (y * 4 + x)] * 5 / 6 + texels[3 * ((1 - y) * 4 + x)] / 6, 1e-5f)
+          << x << " " << y;
 }

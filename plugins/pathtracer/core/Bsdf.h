@@ -16,6 +16,14 @@ struct Material {
   float specular = 0.0f;  // weight of the dielectric layer over the diffuse base
   float ior = 1.5f;
   float transmission = 0.0f;
+  // Texture files (Textures::name) that replace the values above, or null.
+  const char* baseColorTexture = nullptr;
+  const char* roughnessTexture = nullptr;
+  const char* metallicTexture = nullptr;
+  const char* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
+  bool textured() const {
+    return baseColorTexture || roughnessTexture || metallicTexture || normalTexture;
+  }
 };
 
 constexpr float kSmoothAlpha = 1e-3f;

@@ -1,5 +1,7 @@
 #include "Integrator.h"
 
+#include "Textures.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -82,6 +84,40 @@ bool occluded(const RenderScene& scene, const Vec3& origin, const Vec3& directio
 Vec3 offset(const Vec3& p, const Vec3& n) {
   const float scale = 1 + std::max({std::fabs(p.x), std::fabs(p.y), std::fabs(p.z)});
   return p + n * (1e-4f * scale);
+}
+
+// The material at a hit with its textures looked up, and `n` turned by its
+// normal map. Meshes without texture coordinates keep the plain values.
+Material withTextures(const Material& plain, const MeshShading& shading, const Hit& hit,
+                      float footprint, const Vec3& ng, Vec3& n) {
+  Material m = plain;
+  if (shading.cornerUVs.empty()) return m;
+  const float* uv = &shading.cornerUVs[6 * size_t(hit.primitive)];
+  const float w = 1 - hit.u - hit.v;
+  const float s = w * uv[0] + hit.u * uv[2] + hit.v * uv[4];
+  const float t = 1 - (w * uv[1] + hit.u * uv[3] + hit.v * uv[5]);
+  const Vec3& dpdu = shading.dpdu[hit.primitive];
+  const Vec3& dpdv = shading.dpdv[hit.primitive];
+  const float scale = std::max(length(dpdu), length(dpdv));
+  const float width = scale > 0 ? footprint / scale : 0;
+  const Textures& textures = Textures::shared();
+  float value[3];
+  if (m.baseColorTexture && textures.lookup(m.baseColorTexture, s, t, width, 3, value))
+    m.albedo = Vec3(value[0], value[1], value[2]);
+  if (m.roughnessTexture && textures.lookup(m.roughnessTexture, s, t, width, 1, value))
+    m.roughness = value[0];
+  if (m.metallicTexture && textures.lookup(m.metallicTexture, s, t, width, 1, value))
+    m.metallic = value[0];
+  if (m.normalTexture && textures.lookup(m.normalTexture, s, t, width, 3, value)) {
+    const Vec3 tangent = normalize(dpdu - n * dot(n, dpdu));
+    // Bitangent along +v whichever side of the surface `n` is on.
+    Vec3 bitangent = cross(n, tangent);
+    if (dot(bitangent, dpdv) < 0) bitangent = -bitangent;
+    const Vec3 mapped = normalize(tangent * (2 * value[0] - 1) + bitangent * (2 * value[1] - 1) +
+                                  n * (2 * value[2] - 1));
+    if (dot(mapped, ng) > 0 && dot(tangent, tangent) > 0) n = mapped;
+  }
+  return m;
 }
 
 float powerHeuristic(float a, float b) { return a * a / (a * a + b * b); }
@@ -221,7 +257,16 @@ void scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
     facingNormals(scene, hit, wo, ng, n);
     const Vec3 at = origin + direction * hit.distance;
     const Vec3 p = offset(at, ng);
-    const Material& material = scene.materials[hit.geometry];
+    Material textured;
+    const Material* own = &scene.materials[hit.geometry];
+    if (own->textured()) {
+      // The camera's pixel at the first hit picks the texture's level of detail.
+      const float footprint =
+          depth == 1 ? scene.footprintAt0 + scene.footprintPerDistance * hit.distance : 0;
+      textured = withTextures(*own, scene.geometry->meshes[hit.geometry], hit, footprint, ng, n);
+      own = &textured;
+    }
+    const Material& material = *own;
     const Bsdf bsdf(material, n, wo, dot(hit.rawNormal, wo) > 0);
     if (tally.outputs && depth == 1) {
       tally.outputs->albedo = material.albedo;

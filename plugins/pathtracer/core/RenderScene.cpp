@@ -9,6 +9,7 @@
 
 #include "AttributeValues.h"
 #include "Log.h"
+#include "Textures.h"
 #include "XoScenegraph/AttributeJson.h"
 
 namespace pathtracer {
@@ -17,8 +18,10 @@ using namespace Arbolite3::internal::XoAttribute;
 
 namespace {
 
-const char* const kMaterialParams[] = {"baseColor", "roughness", "metallic", "specular", "ior",
-                                       "transmission", "emissionColor", "emissionIntensity"};
+const char* const kMaterialParams[] = {
+    "baseColor", "roughness", "metallic", "specular", "ior", "transmission", "emissionColor",
+    "emissionIntensity", "baseColorTexture", "roughnessTexture", "metallicTexture",
+    "normalTexture"};
 
 std::set<std::string> withPrefix(const std::string& prefix, std::set<std::string> names) {
   for (const char* param : kMaterialParams) names.insert(prefix + param);
@@ -41,7 +44,7 @@ const std::set<std::string>& knownAttributes(const std::string& type) {
       {"polymesh", withPrefix("material.params.",
                               {"geometry.point.P", "geometry.point.N", "geometry.poly.vertexList",
                                "geometry.poly.startIndex", "geometry.poly.faceCounts",
-                               "geometry.file"})},
+                               "geometry.file", "geometry.point.st"})},
       {"material", withPrefix("params.", {"surfaceShader"})},
   };
   static const std::set<std::string> none;
@@ -90,7 +93,7 @@ Transform localTransform(const GroupAttribute& attrs) {
   return t;
 }
 
-Material materialFrom(const GroupAttribute& params, Material m) {
+Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& reporter) {
   if (!params.isValid()) return m;
   m.albedo = vec3(params.getChildByName("baseColor"), m.albedo);
   m.roughness = float(number(params.getChildByName("roughness"), m.roughness));
@@ -100,6 +103,21 @@ Material materialFrom(const GroupAttribute& params, Material m) {
   m.transmission = float(number(params.getChildByName("transmission"), m.transmission));
   const Vec3 emission = vec3(params.getChildByName("emissionColor"), Vec3(0, 0, 0));
   m.emission = emission * float(number(params.getChildByName("emissionIntensity"), 1.0));
+  const struct { const char* name; const char** texture; } textures[] = {
+      {"baseColorTexture", &m.baseColorTexture}, {"roughnessTexture", &m.roughnessTexture},
+      {"metallicTexture", &m.metallicTexture}, {"normalTexture", &m.normalTexture}};
+  for (const auto& t : textures) {
+    const std::string file = text(params.getChildByName(t.name));
+    if (file.empty()) continue;
+    std::string error;
+    if (Textures::shared().check(file, error)) {
+      *t.texture = Textures::name(file);
+    } else {
+      reporter.errorOnce("texture " + file, "Cannot read texture \"" + file + "\": " + error +
+                                                "; " + t.name + " ignored");
+      *t.texture = nullptr;
+    }
+  }
   return m;
 }
 
@@ -147,12 +165,13 @@ struct Walk {
     if (!assigned.empty()) {
       const Location* material = tree.find(assigned);
       if (material && material->type == "material")
-        m = materialFrom(GroupAttribute(material->attributes.getChildByName("params")), m);
+        m = materialFrom(GroupAttribute(material->attributes.getChildByName("params")), m,
+                         reporter);
       else
         reporter.warnOnce("material " + assigned,
                           "Material \"" + assigned + "\" is not a material location; using grey");
     }
-    return materialFrom(GroupAttribute(attrs.getChildByName("material.params")), m);
+    return materialFrom(GroupAttribute(attrs.getChildByName("material.params")), m, reporter);
   }
 
   void addLight(const std::string& path, const GroupAttribute& attrs, const Transform& world) {
@@ -263,6 +282,8 @@ bool meshOfLocation(const GroupAttribute& attrs, const std::string& path, MeshCa
   if (n.size() == p.size())
     for (size_t i = 0; i < pointCount; ++i)
       mesh.normals.emplace_back(float(n[3 * i]), float(n[3 * i + 1]), float(n[3 * i + 2]));
+  const std::vector<double> st = numbers(attrs.getChildByName("geometry.point.st"));
+  if (st.size() == 2 * pointCount) mesh.uvs.assign(st.begin(), st.end());
   for (size_t f = 0; f + 1 < starts.size(); ++f) {
     const size_t begin = size_t(starts[f]), end = size_t(starts[f + 1]);
     if (end > vertexList.size() || begin > end) {
@@ -280,6 +301,26 @@ bool meshOfLocation(const GroupAttribute& attrs, const std::string& path, MeshCa
       }
   }
   return true;
+}
+
+// Corner coordinates and the change of position along u and v, per triangle.
+void addTextureFrames(const TriangleMesh& mesh, const Transform& toWorld, MeshShading& shading) {
+  for (size_t f = 0; f < mesh.triangleCount(); ++f) {
+    const unsigned* i = &mesh.indices[3 * f];
+    float uv[6];
+    for (int k = 0; k < 3; ++k) {
+      uv[2 * k] = mesh.uvs[2 * i[k]];
+      uv[2 * k + 1] = mesh.uvs[2 * i[k] + 1];
+    }
+    shading.cornerUVs.insert(shading.cornerUVs.end(), uv, uv + 6);
+    const Vec3 e1 = toWorld.point(mesh.points[i[1]]) - toWorld.point(mesh.points[i[0]]);
+    const Vec3 e2 = toWorld.point(mesh.points[i[2]]) - toWorld.point(mesh.points[i[0]]);
+    const float du1 = uv[2] - uv[0], dv1 = uv[3] - uv[1], du2 = uv[4] - uv[0], dv2 = uv[5] - uv[1];
+    const float det = du1 * dv2 - du2 * dv1;
+    const float r = std::fabs(det) > 1e-12f ? 1 / det : 0;
+    shading.dpdu.push_back((e1 * dv2 - e2 * dv1) * r);
+    shading.dpdv.push_back((e2 * du1 - e1 * du2) * r);
+  }
 }
 
 std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
@@ -315,6 +356,7 @@ std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
       for (const Vec3& normal : mesh.normals) world.push_back(instance.toWorld.normal(normal));
       for (unsigned index : mesh.indices) shading.cornerNormals.push_back(world[index]);
     }
+    if (!mesh.uvs.empty()) addTextureFrames(mesh, instance.toWorld, shading);
     geometry->triangles += mesh.triangleCount();
   }
   rtcCommitScene(geometry->scene);
@@ -490,6 +532,10 @@ std::unique_ptr<RenderScene> compileScene(const SceneTree& tree, RTCDevice devic
     c.orthographicWidth =
         float(number(attrs.getChildByName("geometry.orthographicWidth"), c.orthographicWidth));
     c.nearClip = float(number(attrs.getChildByName("geometry.near"), c.nearClip));
+    const float across =
+        2.0f / float(std::min(scene->settings.width, scene->settings.height));
+    if (c.orthographic) scene->footprintAt0 = c.orthographicWidth / 2 * across;
+    else scene->footprintPerDistance = c.tanHalfFov * across;
     c.farClip = float(number(attrs.getChildByName("geometry.far"), c.farClip));
   }
 

@@ -71,6 +71,11 @@ struct MeshShading {
   // World-space normals at the three corners of each triangle, side by side
   // so a hit reads one place; empty for flat shading.
   std::vector<Vec3> cornerNormals;
+  // Texture coordinates likewise (six floats a triangle), and each
+  // triangle's world-space change of position with u and with v; empty
+  // without coordinates.
+  std::vector<float> cornerUVs;
+  std::vector<Vec3> dpdu, dpdv;
 };
 
 struct RenderSettings {
@@ -101,6 +106,8 @@ class RenderScene {
   std::vector<std::string> lightGroups;  // by group index
   int domeGroup = -1;
   OutputLayout layout;
+  // The width a camera pixel covers at distance d: a + b d.
+  float footprintAt0 = 0, footprintPerDistance = 0;
   std::vector<Material> materials;
   bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.
