@@ -21,6 +21,7 @@ struct Material {
   const char* roughnessTexture = nullptr;
   const char* metallicTexture = nullptr;
   const char* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
+  bool baseColorSrgb = false;  // the base colour texture is 8-bit sRGB
   bool textured() const {
     return baseColorTexture || roughnessTexture || metallicTexture || normalTexture;
   }

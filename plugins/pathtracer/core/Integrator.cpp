@@ -102,8 +102,12 @@ Material withTextures(const Material& plain, const MeshShading& shading, const H
   const float width = scale > 0 ? footprint / scale : 0;
   const Textures& textures = Textures::shared();
   float value[3];
-  if (m.baseColorTexture && textures.lookup(m.baseColorTexture, s, t, width, 3, value))
+  if (m.baseColorTexture && textures.lookup(m.baseColorTexture, s, t, width, 3, value)) {
+    if (m.baseColorSrgb)
+      for (float& c : value)
+        c = c <= 0.04045f ? c / 12.92f : std::pow((c + 0.055f) / 1.055f, 2.4f);
     m.albedo = Vec3(value[0], value[1], value[2]);
+  }
   if (m.roughnessTexture && textures.lookup(m.roughnessTexture, s, t, width, 1, value))
     m.roughness = value[0];
   if (m.metallicTexture && textures.lookup(m.metallicTexture, s, t, width, 1, value))

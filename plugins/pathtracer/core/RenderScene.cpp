@@ -110,8 +110,10 @@ Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& re
     const std::string file = text(params.getChildByName(t.name));
     if (file.empty()) continue;
     std::string error;
-    if (Textures::shared().check(file, error)) {
+    bool eightBit = false;
+    if (Textures::shared().check(file, error, &eightBit)) {
       *t.texture = Textures::name(file);
+      if (t.texture == &m.baseColorTexture) m.baseColorSrgb = eightBit;
     } else {
       reporter.errorOnce("texture " + file, "Cannot read texture \"" + file + "\": " + error +
                                                 "; " + t.name + " ignored");

@@ -23,7 +23,7 @@ Textures& Textures::shared() {
 
 const char* Textures::name(const std::string& file) { return OIIO::ustring(file).c_str(); }
 
-bool Textures::check(const std::string& file, std::string& error) {
+bool Textures::check(const std::string& file, std::string& error, bool* eightBit) {
   int exists = 0;
   OIIO::TextureSystem* ts = textureSystem(system);
   const OIIO::ustring name(file);
@@ -38,6 +38,10 @@ bool Textures::check(const std::string& file, std::string& error) {
     error = ts->geterror();
     if (error.empty()) error = "not an image";
     return false;
+  }
+  if (eightBit) {
+    OIIO::ImageSpec spec;
+    *eightBit = ts->get_imagespec(name, 0, spec) && spec.format == OIIO::TypeDesc::UINT8;
   }
   return true;
 }

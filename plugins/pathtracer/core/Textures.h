@@ -15,7 +15,9 @@ class Textures {
   // The name lookup() takes for `file`: the same pointer for the same text.
   static const char* name(const std::string& file);
   // Whether `file` can be read as a texture; `error` says why not.
-  bool check(const std::string& file, std::string& error);
+  // `eightBit` tells whether it holds 8-bit values (sRGB-encoded colour, by
+  // convention).
+  bool check(const std::string& file, std::string& error, bool* eightBit = nullptr);
   // `channels` (1 or 3) values of `file` (from name()) at (s, t), with t = 0 the top row,
   // filtered over a footprint of `width` in texture space (0: bilinear at
   // the finest level). An image of one channel gives it to all three.
