@@ -284,7 +284,7 @@ TEST(Shading, TexturesAtTexelCentresAndOnMeshes) {
   float value[3];
   for (int y = 0; y < 2; ++y)
     for (int x = 0; x < 4; ++x) {
-      ASSERT_TRUE(Textures::shared().lookup(Textures::name(file), (x + 0.5f) / 4, (y + 0.5f) / 2,
+      ASSERT_TRUE(Textures::shared().lookup(Textures::handle(file), (x + 0.5f) / 4, (y + 0.5f) / 2,
                                             0, 3, value));
       for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(value[c], texels[3 * (y * 4 + x) + c]);
     }

@@ -16,11 +16,11 @@ struct Material {
   float specular = 0.0f;  // weight of the dielectric layer over the diffuse base
   float ior = 1.5f;
   float transmission = 0.0f;
-  // Texture files (Textures::name) that replace the values above, or null.
-  const char* baseColorTexture = nullptr;
-  const char* roughnessTexture = nullptr;
-  const char* metallicTexture = nullptr;
-  const char* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
+  // Textures (Textures::handle) that replace the values above, or null.
+  const void* baseColorTexture = nullptr;
+  const void* roughnessTexture = nullptr;
+  const void* metallicTexture = nullptr;
+  const void* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
   bool baseColorSrgb = false;  // the base colour texture is 8-bit sRGB
   bool textured() const {
     return baseColorTexture || roughnessTexture || metallicTexture || normalTexture;

@@ -28,6 +28,9 @@ Vec3 cosineDirection(float u1, float u2, const Vec3& n) {
 
 bool DomeLight::loadImage(const std::string& path, std::string& error) {
   OIIO::ImageBuf file(path);
+  // Read on this thread: the image library's own workers hand the pixels
+  // over in ways the thread sanitizer cannot see, and it is read once.
+  file.threads(1);
   if (!file.read(0, 0, true, OIIO::TypeDesc::FLOAT)) {
     error = file.geterror();
     return false;
@@ -111,10 +114,11 @@ Vec3 DomeLight::radiance(const Vec3& toward) const {
   return Vec3(rgb[0], rgb[1], rgb[2]) * color;
 }
 
-Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density) const {
+Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density, Vec3* arriving) const {
   if (!hasImage() || uniformSampling) {
     const Vec3 wi = cosineDirection(u1, u2, n);
     density = std::max(0.0f, dot(wi, n)) / kPi;
+    if (arriving) *arriving = radiance(wi);
     return wi;
   }
   const int width = image->width, height = image->height;
@@ -130,8 +134,23 @@ Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density) const 
   const float sinTheta = std::sin(theta);
   const Vec3 local(sinTheta * std::sin(phi), std::cos(theta), -sinTheta * std::cos(phi));
   const Vec3 wi = normalize(toWorld.vector(local));
-  density = pdf(wi, n);
+  const Vec3 seen = radianceAndPdf(wi, n, density);
+  if (arriving) *arriving = seen;
   return wi;
+}
+
+Vec3 DomeLight::radianceAndPdf(const Vec3& toward, const Vec3& n, float& density) const {
+  if (!hasImage() || uniformSampling) {
+    density = pdf(toward, n);
+    return radiance(toward);
+  }
+  float sinTheta;
+  const int texel = texelOf(toward, &sinTheta);
+  density = sinTheta <= 1e-6f ? 0
+                              : image->texelProbability[texel] * float(image->width) *
+                                    float(image->height) / (2 * kPi * kPi * sinTheta);
+  const float* rgb = &image->texels[3 * size_t(texel)];
+  return Vec3(rgb[0], rgb[1], rgb[2]) * color;
 }
 
 float DomeLight::pdf(const Vec3& toward, const Vec3& n) const {

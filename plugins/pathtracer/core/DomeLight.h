@@ -32,8 +32,11 @@ class DomeLight {
   // A direction to sample for a receiver with unit normal `n`, and its
   // solid-angle density; pdf() is the same density for any direction, 0
   // for a uniform dome, which bounces find as well as sampling would.
-  Vec3 sample(float u1, float u2, const Vec3& n, float& pdf) const;
+  // `radiance`, when given, gets radiance() of the direction.
+  Vec3 sample(float u1, float u2, const Vec3& n, float& pdf, Vec3* radiance = nullptr) const;
   float pdf(const Vec3& toward, const Vec3& n) const;
+  // radiance() and pdf() at once, for one look-up of the image.
+  Vec3 radianceAndPdf(const Vec3& toward, const Vec3& n, float& pdf) const;
 
  private:
   int texelOf(const Vec3& toward, float* sinTheta) const;

@@ -26,6 +26,8 @@ uint64_t mix(uint64_t z) {
   return z ^ (z >> 31);
 }
 
+thread_local RayLog* rayLog = nullptr;
+
 void fillRay(RTCRay& ray, const Vec3& origin, const Vec3& direction, float tnear, float tfar) {
   ray.org_x = origin.x; ray.org_y = origin.y; ray.org_z = origin.z;
   ray.dir_x = direction.x; ray.dir_y = direction.y; ray.dir_z = direction.z;
@@ -45,6 +47,7 @@ Hit intersectRay(const RenderScene& scene, const Vec3& origin, const Vec3& direc
   fillRay(rh.ray, origin, direction, tnear, tfar);
   rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
   rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+  if (rayLog) rayLog->bounces.push_back(rh);
   rtcIntersect1(scene.geometry->scene, &context, &rh);
   Hit hit;
   if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) return hit;
@@ -63,9 +66,11 @@ void facingNormals(const RenderScene& scene, const Hit& hit, const Vec3& wo, Vec
   ng = normalize(hit.rawNormal);
   n = ng;
   const MeshShading& shading = scene.geometry->meshes[hit.geometry];
-  if (!shading.cornerNormals.empty()) {
-    const Vec3* corner = &shading.cornerNormals[3 * size_t(hit.primitive)];
-    const Vec3 s = corner[0] * (1 - hit.u - hit.v) + corner[1] * hit.u + corner[2] * hit.v;
+  if (!shading.normals.empty()) {
+    const unsigned* corner = &shading.triangles[3 * size_t(hit.primitive)];
+    const Vec3 s = unpackUnit(shading.normals[corner[0]]) * (1 - hit.u - hit.v) +
+                   unpackUnit(shading.normals[corner[1]]) * hit.u +
+                   unpackUnit(shading.normals[corner[2]]) * hit.v;
     if (dot(s, s) > 0) n = normalize(s);
   }
   if (dot(ng, wo) < 0) ng = -ng;
@@ -77,6 +82,7 @@ bool occluded(const RenderScene& scene, const Vec3& origin, const Vec3& directio
   rtcInitIntersectContext(&context);
   RTCRay ray;
   fillRay(ray, origin, direction, 0, tfar);
+  if (rayLog) rayLog->shadows.push_back(ray);
   rtcOccluded1(scene.geometry->scene, &context, &ray);
   return ray.tfar == -std::numeric_limits<float>::infinity();
 }
@@ -91,13 +97,25 @@ Vec3 offset(const Vec3& p, const Vec3& n) {
 Material withTextures(const Material& plain, const MeshShading& shading, const Hit& hit,
                       float footprint, const Vec3& ng, Vec3& n) {
   Material m = plain;
-  if (shading.cornerUVs.empty()) return m;
-  const float* uv = &shading.cornerUVs[6 * size_t(hit.primitive)];
+  if (!shading.uvs) return m;
+  const unsigned* corner = &shading.triangles[3 * size_t(hit.primitive)];
+  const float* uv[3];
+  Vec3 p[3];
+  for (int k = 0; k < 3; ++k) {
+    uv[k] = &(*shading.uvs)[2 * size_t(corner[k])];
+    const float* point = &shading.points[3 * size_t(corner[k])];
+    p[k] = Vec3(point[0], point[1], point[2]);
+  }
   const float w = 1 - hit.u - hit.v;
-  const float s = w * uv[0] + hit.u * uv[2] + hit.v * uv[4];
-  const float t = 1 - (w * uv[1] + hit.u * uv[3] + hit.v * uv[5]);
-  const Vec3& dpdu = shading.dpdu[hit.primitive];
-  const Vec3& dpdv = shading.dpdv[hit.primitive];
+  const float s = w * uv[0][0] + hit.u * uv[1][0] + hit.v * uv[2][0];
+  const float t = 1 - (w * uv[0][1] + hit.u * uv[1][1] + hit.v * uv[2][1]);
+  // How the position changes with u and with v across the triangle.
+  const Vec3 e1 = p[1] - p[0], e2 = p[2] - p[0];
+  const float du1 = uv[1][0] - uv[0][0], dv1 = uv[1][1] - uv[0][1];
+  const float du2 = uv[2][0] - uv[0][0], dv2 = uv[2][1] - uv[0][1];
+  const float det = du1 * dv2 - du2 * dv1;
+  const float r = std::fabs(det) > 1e-12f ? 1 / det : 0;
+  const Vec3 dpdu = (e1 * dv2 - e2 * dv1) * r, dpdv = (e2 * du1 - e1 * du2) * r;
   const float scale = std::max(length(dpdu), length(dpdv));
   const float width = scale > 0 ? footprint / scale : 0;
   const Textures& textures = Textures::shared();
@@ -206,7 +224,8 @@ void directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
     float cone = 1;
     const float c = -dot(toLight, light.axis);
     if (c < light.cosInner) {
-      const float x = std::clamp((c - light.cosOuter) / (light.cosInner - light.cosOuter), 0.0f, 1.0f);
+      const float band = light.cosInner - light.cosOuter;
+      const float x = band > 0 ? std::clamp((c - light.cosOuter) / band, 0.0f, 1.0f) : 0.0f;
       cone = x * x * (3 - 2 * x);
     }
     if (cone > 0) add(toLight, r * 0.9999f, light.intensity * (cone / r2), 0, light.group);
@@ -230,15 +249,17 @@ void directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
   // A uniform dome is found as well by the bounces alone, at no shadow ray's cost.
   if (scene.dome.active() && scene.dome.hasImage()) {
     float pdf;
+    Vec3 arriving;
     const float u1 = random.next(), u2 = random.next();
-    const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf);
+    const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf, &arriving);
     if (pdf > 0)
-      add(wi, std::numeric_limits<float>::infinity(), scene.dome.radiance(wi) * (1 / pdf), pdf,
-          scene.domeGroup);
+      add(wi, std::numeric_limits<float>::infinity(), arriving * (1 / pdf), pdf, scene.domeGroup);
   }
 }
 
 }  // namespace
+
+void setRayLog(RayLog* log) { rayLog = log; }
 
 Random::Random(uint32_t pixel, uint32_t sample)
     : state(mix((uint64_t(pixel) << 32) ^ sample ^ 0x9e3779b97f4a7c15ULL)) {}
@@ -300,10 +321,11 @@ void scattered(const RenderScene& scene, Vec3 origin, Vec3 direction, Hit hit, R
       tally.add(light.radiance * bounceWeight(scene, s, lightPdf), Vec3(), light.group);
     }
     if (!hit.found) {
-      if (scene.dome.active())
-        tally.add(scene.dome.radiance(direction) *
-                      bounceWeight(scene, s, scene.dome.pdf(direction, ng)),
-                  Vec3(), scene.domeGroup);
+      if (scene.dome.active()) {
+        float lightPdf;
+        const Vec3 arriving = scene.dome.radianceAndPdf(direction, ng, lightPdf);
+        tally.add(arriving * bounceWeight(scene, s, lightPdf), Vec3(), scene.domeGroup);
+      }
       break;
     }
     tally.add(scene.materials[hit.geometry].emission, Vec3(), -1);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "CameraRays.h"
 #include "Math.h"
@@ -38,6 +39,15 @@ struct PathOutputs {
   float depth = 0;  // along the view axis; 0 where nothing is hit
   Vec3 groups[kMaxLightGroups];
 };
+
+// For the benchmark that compares a pass with bare tracing of the very same
+// rays: while set on a thread, the rays its paths trace beyond the camera's
+// are appended here.
+struct RayLog {
+  std::vector<RTCRayHit> bounces;
+  std::vector<RTCRay> shadows;
+};
+void setRayLog(RayLog* log);
 
 // Radiance along the camera rays of a traced packet (see CameraRays), for
 // paths of at most `maxDepth` segments, into out[i] for each lane i switched

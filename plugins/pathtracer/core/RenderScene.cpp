@@ -103,7 +103,7 @@ Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& re
   m.transmission = float(number(params.getChildByName("transmission"), m.transmission));
   const Vec3 emission = vec3(params.getChildByName("emissionColor"), Vec3(0, 0, 0));
   m.emission = emission * float(number(params.getChildByName("emissionIntensity"), 1.0));
-  const struct { const char* name; const char** texture; } textures[] = {
+  const struct { const char* name; const void** texture; } textures[] = {
       {"baseColorTexture", &m.baseColorTexture}, {"roughnessTexture", &m.roughnessTexture},
       {"metallicTexture", &m.metallicTexture}, {"normalTexture", &m.normalTexture}};
   for (const auto& t : textures) {
@@ -112,7 +112,7 @@ Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& re
     std::string error;
     bool eightBit = false;
     if (Textures::shared().check(file, error, &eightBit)) {
-      *t.texture = Textures::name(file);
+      *t.texture = Textures::handle(file);
       if (t.texture == &m.baseColorTexture) m.baseColorSrgb = eightBit;
     } else {
       reporter.errorOnce("texture " + file, "Cannot read texture \"" + file + "\": " + error +
@@ -305,26 +305,6 @@ bool meshOfLocation(const GroupAttribute& attrs, const std::string& path, MeshCa
   return true;
 }
 
-// Corner coordinates and the change of position along u and v, per triangle.
-void addTextureFrames(const TriangleMesh& mesh, const Transform& toWorld, MeshShading& shading) {
-  for (size_t f = 0; f < mesh.triangleCount(); ++f) {
-    const unsigned* i = &mesh.indices[3 * f];
-    float uv[6];
-    for (int k = 0; k < 3; ++k) {
-      uv[2 * k] = mesh.uvs[2 * i[k]];
-      uv[2 * k + 1] = mesh.uvs[2 * i[k] + 1];
-    }
-    shading.cornerUVs.insert(shading.cornerUVs.end(), uv, uv + 6);
-    const Vec3 e1 = toWorld.point(mesh.points[i[1]]) - toWorld.point(mesh.points[i[0]]);
-    const Vec3 e2 = toWorld.point(mesh.points[i[2]]) - toWorld.point(mesh.points[i[0]]);
-    const float du1 = uv[2] - uv[0], dv1 = uv[3] - uv[1], du2 = uv[4] - uv[0], dv2 = uv[5] - uv[1];
-    const float det = du1 * dv2 - du2 * dv1;
-    const float r = std::fabs(det) > 1e-12f ? 1 / det : 0;
-    shading.dpdu.push_back((e1 * dv2 - e2 * dv1) * r);
-    shading.dpdv.push_back((e2 * du1 - e1 * du2) * r);
-  }
-}
-
 std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
                                               const std::vector<MeshInstance>& instances,
                                               RTCDevice device, MeshCache& cache) {
@@ -335,7 +315,8 @@ std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
     std::shared_ptr<const TriangleMesh> fromFile;
     if (!meshOfLocation(tree.find(instance.path)->attributes, instance.path, cache, own, fromFile))
       continue;
-    const TriangleMesh& mesh = fromFile ? *fromFile : own;
+    if (!fromFile) fromFile = std::make_shared<const TriangleMesh>(std::move(own));
+    const TriangleMesh& mesh = *fromFile;
     if (mesh.indices.empty()) continue;
     RTCGeometry g = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     auto* vertices = static_cast<float*>(rtcSetNewGeometryBuffer(
@@ -353,12 +334,11 @@ std::shared_ptr<const Geometry> buildGeometry(const SceneTree& tree,
     if (geometry->meshes.size() <= id) geometry->meshes.resize(id + 1);
     MeshShading& shading = geometry->meshes[id];
     shading.path = instance.path;
-    if (!mesh.normals.empty()) {
-      std::vector<Vec3> world;
-      for (const Vec3& normal : mesh.normals) world.push_back(instance.toWorld.normal(normal));
-      for (unsigned index : mesh.indices) shading.cornerNormals.push_back(world[index]);
-    }
-    if (!mesh.uvs.empty()) addTextureFrames(mesh, instance.toWorld, shading);
+    shading.points = vertices;
+    shading.triangles = indices;
+    for (const Vec3& normal : mesh.normals)
+      shading.normals.push_back(packUnit(instance.toWorld.normal(normal)));
+    if (!mesh.uvs.empty()) shading.uvs = std::shared_ptr<const std::vector<float>>(fromFile, &mesh.uvs);
     geometry->triangles += mesh.triangleCount();
   }
   rtcCommitScene(geometry->scene);

@@ -65,17 +65,19 @@ struct OutputLayout {
 // only, for measurements.
 enum class LightSampling { kBoth, kLightsOnly, kBsdfOnly };
 
-// Per Embree geometry: its material and, when given, per-vertex normals.
+// Per Embree geometry: what shading reads besides the hit itself.
 struct MeshShading {
   std::string path;  // the polymesh location
-  // World-space normals at the three corners of each triangle, side by side
-  // so a hit reads one place; empty for flat shading.
-  std::vector<Vec3> cornerNormals;
-  // Texture coordinates likewise (six floats a triangle), and each
-  // triangle's world-space change of position with u and with v; empty
-  // without coordinates.
-  std::vector<float> cornerUVs;
-  std::vector<Vec3> dpdu, dpdv;
+  // Embree's own buffers of the geometry: world-space points, 3 floats
+  // each, and 3 point indices a triangle.
+  const float* points = nullptr;
+  const unsigned* triangles = nullptr;
+  // World-space normals, one per point (packUnit), for smooth shading;
+  // empty for flat.
+  std::vector<uint32_t> normals;
+  // Texture coordinates, two per point, shared with the mesh they came
+  // from; null without.
+  std::shared_ptr<const std::vector<float>> uvs;
 };
 
 struct RenderSettings {

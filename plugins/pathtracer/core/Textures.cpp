@@ -21,7 +21,9 @@ Textures& Textures::shared() {
   return textures;
 }
 
-const char* Textures::name(const std::string& file) { return OIIO::ustring(file).c_str(); }
+const void* Textures::handle(const std::string& file) {
+  return textureSystem(shared().system)->get_texture_handle(OIIO::ustring(file));
+}
 
 bool Textures::check(const std::string& file, std::string& error, bool* eightBit) {
   int exists = 0;
@@ -46,16 +48,19 @@ bool Textures::check(const std::string& file, std::string& error, bool* eightBit
   return true;
 }
 
-bool Textures::lookup(const char* file, float s, float t, float width, int channels,
+bool Textures::lookup(const void* texture, float s, float t, float width, int channels,
                       float* out) const {
+  OIIO::TextureSystem* ts = textureSystem(system);
+  // The texture system's own state for this thread, found once.
+  thread_local OIIO::TextureSystem::Perthread* perthread = ts->get_perthread_info();
   OIIO::TextureOpt options;
   options.swrap = options.twrap = OIIO::TextureOpt::WrapPeriodic;
   options.fill = 0;
   // Bicubic would be a B-spline that blurs even at the finest level.
   options.interpmode = OIIO::TextureOpt::InterpBilinear;
   float values[3] = {0, 0, 0};
-  const bool ok = textureSystem(system)->texture(OIIO::ustring::from_unique(file), options, s, t,
-                                                 width, 0, 0, width, 3, values);
+  auto* handle = static_cast<OIIO::TextureSystem::TextureHandle*>(const_cast<void*>(texture));
+  const bool ok = ts->texture(handle, perthread, options, s, t, width, 0, 0, width, 3, values);
   for (int c = 0; c < channels; ++c) out[c] = values[c];
   return ok;
 }

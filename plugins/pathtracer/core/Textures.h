@@ -12,17 +12,17 @@ class Textures {
   // The process's shared texture system; lookups are thread-safe.
   static Textures& shared();
 
-  // The name lookup() takes for `file`: the same pointer for the same text.
-  static const char* name(const std::string& file);
+  // What lookup() takes for `file`: the same for the same file.
+  static const void* handle(const std::string& file);
   // Whether `file` can be read as a texture; `error` says why not.
   // `eightBit` tells whether it holds 8-bit values (sRGB-encoded colour, by
   // convention).
   bool check(const std::string& file, std::string& error, bool* eightBit = nullptr);
-  // `channels` (1 or 3) values of `file` (from name()) at (s, t), with t = 0 the top row,
+  // `channels` (1 or 3) values of a texture (from handle()) at (s, t), with t = 0 the top row,
   // filtered over a footprint of `width` in texture space (0: bilinear at
   // the finest level). An image of one channel gives it to all three.
   // False, with zeros in `out`, when it cannot be read.
-  bool lookup(const char* file, float s, float t, float width, int channels, float* out) const;
+  bool lookup(const void* texture, float s, float t, float width, int channels, float* out) const;
 
  private:
   Textures();
