@@ -118,6 +118,9 @@ class RenderScene {
   size_t triangleCount() const;
 };
 
+// Scenes of more triangles are built for memory rather than speed.
+constexpr size_t kCompactTriangles = 1000000;
+
 struct Geometry {
   ~Geometry();
   RTCScene scene = nullptr;
