@@ -1,9 +1,11 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 
 #include "CameraRays.h"
@@ -232,6 +234,88 @@ void BM_WritePng512(benchmark::State& state) {
   std::remove("/tmp/pathtracer-bench-write.png");
 }
 BENCHMARK(BM_WritePng512)->Unit(benchmark::kMillisecond);
+
+// Full paths on the showcase scene (examples/pathtracer/showcase) at
+// 512x512, maxDepth 5, one thread: the renderer's pass against a bare loop
+// that traces the same rays, recorded from that pass: its camera packets,
+// then every bounce ray one by one and every shadow ray one by one.
+struct Showcase {
+  Renderer renderer{quiet(1)};
+  RayLog rays;
+  Showcase() {
+    const std::string folder = "/tmp/pathtracer-bench-showcase-" + std::to_string(getpid());
+    const std::string command = std::string("python3 " KINDLET_SOURCE_DIR
+                                            "/examples/pathtracer/showcase/make_showcase.py ") +
+                                folder + " >/dev/null";
+    if (std::system(command.c_str()) != 0) std::abort();
+    SceneTree tree = SceneTree::fromIterator(
+        XoScenegraphIterator::getIteratorFromFile(folder + "/showcase.optree.json"));
+    tree.apply(GroupAttribute(Arbolite3::internal::attributeFromJsonText(R"({"/root": {
+        "attributes": {"renderSettings": {"resolution": [512, 512], "maxDepth": 5}}}})")));
+    renderer.load(tree);
+    std::vector<float> sums(512 * 512 * 3);
+    tbb::task_arena arena(1);
+    const std::atomic<bool> never{false};
+    arena.execute([&] {
+      setRayLog(&rays);
+      renderPass(renderer.scene(), 0, sums, arena, never);
+      setRayLog(nullptr);
+    });
+  }
+  size_t count() const { return 512 * 512 + rays.bounces.size() + rays.shadows.size(); }
+};
+
+Showcase& showcase() {
+  static Showcase scene;
+  return scene;
+}
+
+void BM_ShowcaseFullPaths(benchmark::State& state) {
+  Showcase& show = showcase();
+  const RenderScene& scene = show.renderer.scene();
+  std::vector<float> sums(512 * 512 * 3);
+  tbb::task_arena arena(1);
+  const std::atomic<bool> never{false};
+  for (auto _ : state) renderPass(scene, 0, sums, arena, never);
+  state.SetItemsProcessed(state.iterations() * show.count());
+  state.counters["bounces"] = double(show.rays.bounces.size());
+  state.counters["shadows"] = double(show.rays.shadows.size());
+}
+BENCHMARK(BM_ShowcaseFullPaths)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_ShowcaseBareRays(benchmark::State& state) {
+  Showcase& show = showcase();
+  const RenderScene& scene = show.renderer.scene();
+  const CameraRays camera(scene, 0);
+  alignas(64) RTCRayHit16 packet;
+  alignas(64) int valid[kPacket];
+  RTCIntersectContext coherent, incoherent;
+  rtcInitIntersectContext(&coherent);
+  rtcInitIntersectContext(&incoherent);
+  coherent.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  size_t hits = 0;
+  for (auto _ : state) {
+    for (int by = 0; by < 512; by += kPacketSide)
+      for (int bx = 0; bx < 512; bx += kPacketSide) {
+        camera.fill(bx, by, kPacketSide, kPacketSide, packet, valid);
+        rtcIntersect16(valid, scene.geometry->scene, &coherent, &packet);
+        hits += packet.hit.geomID[0] != RTC_INVALID_GEOMETRY_ID;
+      }
+    for (const RTCRayHit& ray : show.rays.bounces) {
+      RTCRayHit rh = ray;
+      rtcIntersect1(scene.geometry->scene, &incoherent, &rh);
+      hits += rh.hit.geomID != RTC_INVALID_GEOMETRY_ID;
+    }
+    for (const RTCRay& ray : show.rays.shadows) {
+      RTCRay r = ray;
+      rtcOccluded1(scene.geometry->scene, &incoherent, &r);
+      hits += r.tfar < 0;
+    }
+  }
+  benchmark::DoNotOptimize(hits);
+  state.SetItemsProcessed(state.iterations() * show.count());
+}
+BENCHMARK(BM_ShowcaseBareRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Peak resident memory added by loading a scene of about 1.1 million
 // triangles, per million triangles. Run alone (a filter), since the peak of

@@ -14,28 +14,12 @@
 #include "ImageFile.h"
 #include "MeshFile.h"
 #include "Renderer.h"
-#include "XoScenegraph/AttributeJson.h"
+#include "TestScenes.h"
 
 using namespace pathtracer;
-using Arbolite3::internal::XoScenegraphIterator;
 using Arbolite3::internal::XoAttribute::IntAttribute;
 
 namespace {
-
-// An Op tree with `children` (JSON locations) under a root of these settings.
-SceneTree sceneOf(const std::string& settings, const std::string& children) {
-  std::string error;
-  const XoScenegraphIterator it = XoScenegraphIterator::getIteratorFromText(
-      R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": )" + settings +
-          R"(}, "children": [)" + children + "]}}",
-      &error);
-  EXPECT_TRUE(it.isValid()) << error;
-  return SceneTree::fromIterator(it);
-}
-
-GroupAttribute update(const std::string& json) {
-  return GroupAttribute(Arbolite3::internal::attributeFromJsonText(json));
-}
 
 const char* kUnitCube = R"({"name": "cube", "type": "polymesh", "attributes": {
   "geometry": {"point": {"P": [-1.0,-1.0,-1.0, 1.0,-1.0,-1.0, 1.0,1.0,-1.0, -1.0,1.0,-1.0,
@@ -46,13 +30,6 @@ const char* kUnitCube = R"({"name": "cube", "type": "polymesh", "attributes": {
 
 const char* kCamera = R"({"name": "cam", "type": "camera", "attributes": {
   "geometry": {"fov": 60.0}, "xform": {"translate": [0.0, 0.0, 4.0]}}})";
-
-RendererOptions quiet(int threads = 2) {
-  RendererOptions options;
-  options.threads = threads;
-  options.writeImages = false;
-  return options;
-}
 
 // Mean of one channel over the central 16x16 pixels of a 48x48 image.
 double centralMean(const std::vector<float>& image, int channel) {
@@ -65,19 +42,23 @@ double centralMean(const std::vector<float>& image, int channel) {
 }  // namespace
 
 // A white convex object inside a uniform dome reflects exactly the dome's
-// radiance, whatever the direction: the image is flat at that value.
+// radiance, whatever the direction: the image is flat at that value. The
+// dome's light reaches the first hit even when paths stop there.
 TEST(PathTracer, WhiteObjectInUniformDomeMatchesTheDome) {
-  Renderer renderer(quiet());
-  renderer.load(sceneOf(R"({"resolution": [48, 48], "samples": 8, "maxDepth": 8})",
-                        std::string(kUnitCube) + "," + kCamera + R"(, {"name": "sky", "type": "light",
+  for (const char* depth : {"1", "8"}) {
+    Renderer renderer(quiet());
+    renderer.load(sceneOf(R"({"resolution": [48, 48], "samples": 8, "maxDepth": )" +
+                              std::string(depth) + "}",
+                          std::string(kUnitCube) + "," + kCamera + R"(, {"name": "sky", "type": "light",
       "attributes": {"material": {"lightShader": "domeLight",
                                    "params": {"color": [0.5, 0.25, 1.0], "intensity": 2.0}}}})"));
-  ASSERT_TRUE(renderer.renderBatch());
-  const std::vector<float> image = renderer.image();
-  // Only the cube is seen in the middle of the image.
-  EXPECT_NEAR(centralMean(image, 0), 1.0, 0.01);
-  EXPECT_NEAR(centralMean(image, 1), 0.5, 0.005);
-  EXPECT_NEAR(centralMean(image, 2), 2.0, 0.02);
+    ASSERT_TRUE(renderer.renderBatch());
+    const std::vector<float> image = renderer.image();
+    // Only the cube is seen in the middle of the image.
+    EXPECT_NEAR(centralMean(image, 0), 1.0, 0.01) << depth;
+    EXPECT_NEAR(centralMean(image, 1), 0.5, 0.005) << depth;
+    EXPECT_NEAR(centralMean(image, 2), 2.0, 0.02) << depth;
+  }
 }
 
 // A white plane under a point light of intensity I at height h: radiance
@@ -168,8 +149,16 @@ TEST(PathTracer, UpdatesAddMergeAndRemoveLocations) {
   tree.apply(update(R"({"/root/g": {"remove": 1}})"));
   EXPECT_EQ(tree.find("/root/g/m"), nullptr);
   EXPECT_EQ(tree.size(), 2u);
-  // Lights, cameras and materials leave the triangles as they are.
+  // Lights, cameras and materials leave the triangles as they are, unless
+  // they carry meshes that a transform moves.
   EXPECT_FALSE(tree.apply(update(R"({"/root/new": {"attributes": {"mute": 1}}})")).geometryChanged);
+  const char* move = R"(": {"attributes": {"xform": {"translate": [1.0, 0.0, 0.0]}}}})";
+  EXPECT_FALSE(tree.apply(update(std::string("{\"/root/new") + move)).geometryChanged);
+  SceneTree carried = sceneOf("{}", R"({"name": "cam", "type": "camera", "children": [
+      {"name": "m", "type": "polymesh"}]}, {"name": "key", "type": "light", "children": [
+      {"name": "g", "children": [{"name": "m", "type": "polymesh"}]}]})");
+  for (const char* path : {"/root", "/root/cam", "/root/key"})
+    EXPECT_TRUE(carried.apply(update(std::string("{\"") + path + move)).geometryChanged) << path;
 }
 
 class LiveRender : public testing::Test {
@@ -218,9 +207,12 @@ TEST_F(LiveRender, CameraMoveChangesTheNextPass) {
 // it and never include it.
 TEST_F(LiveRender, QuickImageFirstThenFullPaths) {
   const char* move = R"({"/root/cam": {"attributes": {"xform": {"translate": [1.5, 0.5, 4.0]}}}})";
-  // A dome, so that bounces add light the quick pass lacks.
+  // A floor under the cube, so that bounces add light the quick pass lacks.
   const std::string lit = scene + R"(, {"name": "sky", "type": "light", "attributes": {
-      "material": {"lightShader": "domeLight", "params": {"intensity": 0.5}}}})";
+      "material": {"lightShader": "domeLight", "params": {"intensity": 0.5}}}},
+      {"name": "floor", "type": "polymesh", "attributes": {"geometry": {
+        "point": {"P": [-9.0,-1.5,-9.0, 9.0,-1.5,-9.0, 9.0,-1.5,9.0, -9.0,-1.5,9.0]},
+        "poly": {"faceCounts": [4], "vertexList": [3,2,1,0]}}}})";
   auto batch = [&](const char* depthSettings) {
     SceneTree tree = sceneOf(depthSettings, lit);
     tree.apply(update(move));

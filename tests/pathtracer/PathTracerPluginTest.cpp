@@ -15,9 +15,10 @@ using namespace kindlettest;
 namespace {
 
 // A floor lit by one point light at `light`; `extra` adds attributes to both lights.
-std::string scene(const std::string& light, const std::string& extra = "") {
+std::string scene(const std::string& light, const std::string& extra = "",
+                  const std::string& settings = R"("resolution": [24, 16], "samples": 4, "frame": 3)") {
   return R"({"optree": 1, "root": {"type": "root", "attributes": {"renderSettings": {
-      "resolution": [24, 16], "samples": 4, "frame": 3}},
+      )" + settings + R"(}},
     "children": [
       {"name": "cam", "type": "camera", "attributes": {"geometry": {"fov": 50.0},
         "xform": {"translate": [0.0, 2.0, 6.0], "rotate": [-15.0, 0.0, 0.0]}}},
@@ -92,4 +93,64 @@ TEST(PathTracerPlugin, LiveUpdateShowsInTheWrittenImage) {
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
   EXPECT_GT(readImage(dir.file("live.png")).brightest, 0.1f) << result.err;
   EXPECT_TRUE(linesWith(result.err, "ERROR").empty()) << result.err;
+}
+
+// What cannot be rendered or written is an error on the renderer's channel,
+// and a batch render then leaves no image.
+TEST(PathTracerPlugin, BadSettingsAndUnwritableImagesAreErrors) {
+  const struct { std::string settings, output, error; } cases[] = {
+      {R"("resolution": [0, 0])", "x.exr", "Invalid renderSettings.resolution [0, 0]"},
+      {R"("resolution": [-64, 48])", "x.exr", "Invalid renderSettings.resolution [-64, 48]"},
+      {R"("resolution": "big")", "x.exr", "Invalid renderSettings.resolution \"big\""},
+      {R"("samples": 0)", "x.exr", "Invalid renderSettings.samples 0"},
+      {R"("maxDepth": -2)", "x.exr", "Invalid renderSettings.maxDepth -2"},
+      {R"("resolution": [1000000, 1000000])", "x.exr",
+       "Invalid renderSettings.resolution [1000000, 1000000]: its image needs"},
+      {R"("resolution": [8, 8], "samples": 1)", "missing/x.exr", "Cannot write image"},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    const std::string text = scene("[0.0, 3.0, 0.0]", "", c.settings);
+    const RunResult result = runKindlet(
+        {"-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree",
+         dir.write("scene.optree.json", text), "-renderer", "pathtracer", "-renderMethodName",
+         "diskRender", "-outputImage", dir.file(c.output)});
+    EXPECT_EQ(linesWith(result.err, "[ERROR PathTracer] " + c.error).size(), 1u) << result.err;
+    EXPECT_EQ(readImage(dir.file(c.output)).width, 0) << c.settings;
+  }
+}
+
+// Three scene files without a frame of their own would all write frame 1's
+// image; the second and third are refused instead of overwriting the first.
+TEST(PathTracerPlugin, SequenceNeverOverwritesItsOwnImages) {
+  TempDir dir;
+  const std::string text = scene("[0.0, 3.0, 0.0]", "", R"("resolution": [24, 16], "samples": 4)");
+  for (int frame = 1; frame <= 3; ++frame)
+    dir.write("shot.00000" + std::to_string(frame) + ".json", text);
+  const RunResult result = runKindlet(
+      {"-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree",
+       dir.file("shot.*.json"), "-t", "1-3", "-renderer", "pathtracer", "-renderMethodName",
+       "diskRender", "-outputImage", dir.file("img.####.exr")});
+  EXPECT_EQ(linesWith(result.err, "[ERROR PathTracer] Nothing rendered: image \"" +
+                                      dir.file("img.0001.exr") + "\" was already written").size(),
+            2u) << result.err;
+  EXPECT_EQ(readImage(dir.file("img.0001.exr")).width, 24);
+}
+
+// Outputs go into the EXR as named channels, beside beauty's RGB.
+TEST(PathTracerPlugin, OutputsAreChannelsOfTheExr) {
+  TempDir dir;
+  const RunResult result = runKindlet(
+      {"-selvaneRoot", testRoot(), "-tempDir", dir.path(), "-arbolite3OpTree",
+       dir.write("scene.optree.json",
+                 scene("[0.0, 3.0, 0.0]", R"(, "lightGroup": "key")",
+                       R"("resolution": [24, 16], "samples": 1, "outputs": ["depth", "lightGroups"])")),
+       "-renderer", "pathtracer", "-renderMethodName", "diskRender", "-outputImage",
+       dir.file("layers.exr")});
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  auto in = OIIO::ImageInput::open(dir.file("layers.exr"));
+  ASSERT_TRUE(in) << result.err;
+  std::vector<std::string> names = in->spec().channelnames;
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"B", "G", "R", "Z", "key.B", "key.G", "key.R"}));
 }

@@ -5,6 +5,7 @@
 
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
+#include <algorithm>
 #include <cmath>
 #include <atomic>
 #include <cerrno>
@@ -69,7 +70,8 @@ bool syncFile(const std::string& path, std::string& error) {
 }  // namespace
 
 bool writeImageAtomically(const std::string& path, int width, int height,
-                          const std::vector<float>& rgb, std::string& error) {
+                          const std::vector<float>& pixels, std::string& error,
+                          const std::vector<std::string>& channels) {
   const std::string ext = lowerExtension(path);
   if (ext.empty()) {
     error = "the output path has no file extension to choose the format by";
@@ -95,7 +97,19 @@ bool writeImageAtomically(const std::string& path, int width, int height,
   OIIO::Filesystem::IOVecOutput memory(encoded);
   const bool inMemory = out->supports("ioproxy") && out->set_ioproxy(&memory);
   const bool floating = ext == ".exr" || ext == ".hdr" || ext == ".tif" || ext == ".tiff";
-  OIIO::ImageSpec format(width, height, 3, floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
+  // Outputs besides beauty go only where they have names: EXR.
+  const bool layered = channels.size() > 3 && ext == ".exr";
+  const size_t stride = std::max<size_t>(3, channels.size());
+  std::vector<float> beauty;
+  if (stride > 3 && !layered) {
+    beauty.resize(pixels.size() / stride * 3);
+    for (size_t i = 0; i < beauty.size() / 3; ++i)
+      std::copy_n(&pixels[i * stride], 3, &beauty[3 * i]);
+  }
+  const std::vector<float>& rgb = stride > 3 && !layered ? beauty : pixels;
+  OIIO::ImageSpec format(width, height, layered ? int(stride) : 3,
+                         floating ? OIIO::TypeDesc::FLOAT : OIIO::TypeDesc::UINT8);
+  if (layered) format.channelnames = channels;
   // Live renders rewrite the file after every pass: speed over size.
   if (ext == ".png") format.attribute("png:compressionLevel", 1);
   bool ok = out->open(temp, format);

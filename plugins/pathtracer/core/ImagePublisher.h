@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 struct XoImageOutImage;
@@ -16,15 +17,17 @@ class ImagePublisher {
   ImagePublisher(const ImagePublisher&) = delete;
   ImagePublisher& operator=(const ImagePublisher&) = delete;
 
-  // The image "beauty" (R, G, B) at this size, opened again when it changes.
-  void resize(int width, int height);
+  // The image "beauty" at this size with these channels (R, G, B, then each
+  // output's), opened again when either changes.
+  void resize(int width, int height, const std::vector<std::string>& channels);
   bool wanted() const;
-  // A whole pass: width * height * 3 floats.
-  void publish(const std::vector<float>& rgb, uint64_t samples, uint64_t sceneState);
+  // A whole pass: width * height * channels floats.
+  void publish(const std::vector<float>& pixels, uint64_t samples, uint64_t sceneState);
 
  private:
   XoImageOutImage* image = nullptr;
   int width = 0, height = 0;
+  std::vector<std::string> channels;
 };
 
 }  // namespace pathtracer

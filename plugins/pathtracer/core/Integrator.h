@@ -1,9 +1,10 @@
-// Radiance along camera rays: a path tracer with next-event estimation for
-// point, distant and rectangle lights, and the dome and emissive surfaces
-// found by the paths themselves.
+// Radiance along camera rays: a path tracer that samples the lights at every
+// hit and weighs that against the lights its bounces find (multiple
+// importance sampling); emitting surfaces are found by the bounces alone.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "CameraRays.h"
 #include "Math.h"
@@ -30,11 +31,35 @@ class Random {
   uint64_t state;
 };
 
+// What a camera sample adds to the outputs besides beauty (see OutputLayout).
+struct PathOutputs {
+  Vec3 diffuse;   // light whose first scattering was by the diffuse base
+  Vec3 emission;  // emitting surfaces and lights the camera sees
+  Vec3 albedo, normal;
+  float depth = 0;  // along the view axis; 0 where nothing is hit
+  Vec3 groups[kMaxLightGroups];
+};
+
+// For the benchmark that compares a pass with bare tracing of the very same
+// rays: while set on a thread, the rays its paths trace beyond the camera's
+// are appended here.
+struct RayLog {
+  std::vector<RTCRayHit> bounces;
+  std::vector<RTCRay> shadows;
+};
+void setRayLog(RayLog* log);
+
 // Radiance along the camera rays of a traced packet (see CameraRays), for
 // paths of at most `maxDepth` segments, into out[i] for each lane i switched
 // on in `valid`. Lane i's random numbers are seeded with pixels[i] and
 // `sampleIndex`, and only when its path goes on past the camera ray's hit.
+// `outputs`, when given, gets each lane's other outputs.
 void packetRadiance(const RenderScene& scene, const RTCRayHit16& packet, const int* valid,
-                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out);
+                    const uint32_t* pixels, uint32_t sampleIndex, int maxDepth, Vec3* out,
+                    PathOutputs* outputs = nullptr);
+
+// Adds a sample's outputs, besides beauty, into `pixel` laid out by `layout`.
+void addOutputs(const OutputLayout& layout, const PathOutputs& o, const Vec3& beauty,
+                float* pixel);
 
 }  // namespace pathtracer

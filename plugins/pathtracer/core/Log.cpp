@@ -15,6 +15,14 @@ void OnceReporter::warnOnce(const std::string& key, const std::string& text) {
   if (log().warnEnabled()) log().warn(text, __FILE__, __LINE__);
 }
 
+void OnceReporter::errorOnce(const std::string& key, const std::string& text) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!seen.insert(key).second) return;
+  }
+  if (log().errorEnabled()) log().error(text, __FILE__, __LINE__);
+}
+
 void OnceReporter::clear() {
   std::lock_guard<std::mutex> lock(mutex);
   seen.clear();

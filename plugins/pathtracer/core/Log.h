@@ -16,6 +16,8 @@ class OnceReporter {
  public:
   // Logs "text" at warning level the first time `key` is seen.
   void warnOnce(const std::string& key, const std::string& text);
+  // The same at error level.
+  void errorOnce(const std::string& key, const std::string& text);
   void clear();
 
  private:

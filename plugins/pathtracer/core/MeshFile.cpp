@@ -25,6 +25,10 @@ void appendNode(const aiScene* scene, const aiNode* node, const aiMatrix4x4& par
     for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
       const aiVector3D p = world * mesh->mVertices[v];
       out.points.emplace_back(p.x, p.y, p.z);
+      if (mesh->mTextureCoords[0]) {
+        out.uvs.push_back(mesh->mTextureCoords[0][v].x);
+        out.uvs.push_back(mesh->mTextureCoords[0][v].y);
+      }
       if (mesh->mNormals) {
         aiVector3D n = normalMatrix * mesh->mNormals[v];
         n.Normalize();
@@ -52,6 +56,7 @@ TriangleMesh loadMeshFile(const std::string& path) {
   appendNode(scene, scene->mRootNode, aiMatrix4x4(), mesh);
   // Normals only count when every vertex has one.
   if (mesh.normals.size() != mesh.points.size()) mesh.normals.clear();
+  if (mesh.uvs.size() != 2 * mesh.points.size()) mesh.uvs.clear();
   return mesh;
 }
 

@@ -15,6 +15,7 @@ namespace pathtracer {
 struct TriangleMesh {
   std::vector<Vec3> points;
   std::vector<Vec3> normals;  // one per point, or empty
+  std::vector<float> uvs;     // texture coordinates, two per point, or empty
   std::vector<unsigned> indices;  // 3 per triangle
   size_t triangleCount() const { return indices.size() / 3; }
 };

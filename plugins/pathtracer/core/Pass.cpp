@@ -38,6 +38,8 @@ void renderTiles(void* context, int begin, int end) {
   alignas(64) int valid[kPacket];
   uint32_t pixels[kPacket];
   Vec3 radiances[kPacket];
+  const OutputLayout& layout = scene.layout;
+  std::vector<PathOutputs> outputs(layout.any() ? kPacket : 0);
   for (int tile = begin; tile != end; ++tile) {
     if (work.cancel.load(std::memory_order_relaxed)) break;
     const int x0 = (tile % work.tilesX) * kTile, y0 = (tile / work.tilesX) * kTile;
@@ -49,14 +51,15 @@ void renderTiles(void* context, int begin, int end) {
         for (int i = 0; i < kPacket; ++i)
           pixels[i] = uint32_t((by + i / kPacketSide) * width + bx + i % kPacketSide);
         packetRadiance(scene, packet, valid, pixels, uint32_t(work.sampleIndex), work.maxDepth,
-                       radiances);
+                       radiances, layout.any() ? outputs.data() : nullptr);
         for (int i = 0; i < kPacket; ++i) {
           if (!valid[i]) continue;
           const Vec3& l = radiances[i];
           // A sample that went wrong numerically is dropped, not smeared.
           if (!std::isfinite(l.x + l.y + l.z)) continue;
-          float* pixel = &work.sums[3 * size_t(pixels[i])];
+          float* pixel = &work.sums[size_t(layout.channels) * pixels[i]];
           pixel[0] += l.x; pixel[1] += l.y; pixel[2] += l.z;
+          if (layout.any()) addOutputs(layout, outputs[i], l, pixel);
         }
       }
   }

@@ -12,7 +12,7 @@
 namespace pathtracer {
 
 // Adds sample number `sampleIndex` of every pixel into `sums` (width *
-// height * 3 floats). Returns false, leaving `sums` partly updated, when
+// height * scene.layout.channels floats). Returns false, leaving `sums` partly updated, when
 // `cancel` became true meanwhile (checked before every tile). Paths are cut
 // at `maxDepth` segments when it is above 0, else at the scene's.
 bool renderPass(const RenderScene& scene, int sampleIndex, std::vector<float>& sums,

@@ -43,9 +43,17 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
       PT_ERROR("No scene to render");
       return -1;
     }
-    renderer.load(SceneTree::fromIterator(iterator));
-    if (live) return 0;
-    return renderer.renderBatch() ? 0 : -1;
+    // Reported on our channel rather than left to kindlet's catch-all.
+    try {
+      renderer.load(SceneTree::fromIterator(iterator));
+      if (live) return 0;
+      return renderer.renderBatch() ? 0 : -1;
+    } catch (const std::bad_alloc&) {
+      PT_ERROR("Out of memory while loading or rendering the scene");
+    } catch (const std::exception& e) {
+      PT_ERROR("Render failed: " << e.what());
+    }
+    return -1;
   }
 
   int32_t startLiveEditing() {
@@ -76,8 +84,13 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
   }
   bool hasQueuedUpdates() { return renderer.hasQueuedUpdates(); }
   int32_t applyQueuedUpdates() {
-    renderer.applyQueuedUpdates();
-    return 0;
+    try {
+      renderer.applyQueuedUpdates();
+      return 0;
+    } catch (const std::bad_alloc&) {
+      PT_ERROR("Out of memory while applying updates");
+    }
+    return -1;
   }
   int32_t handleControlCommand(const char* command) {
     const std::string text(command, strnlen(command, 256));

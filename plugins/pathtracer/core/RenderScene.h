@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Bsdf.h"
+#include "DomeLight.h"
 #include "Math.h"
 #include "MeshFile.h"
 #include "SceneTree.h"
@@ -30,22 +32,52 @@ struct Camera {
   float farClip = 1e30f;
 };
 
-struct PointLight { Vec3 position; Vec3 intensity; };
-struct DistantLight { Vec3 towardLight; Vec3 irradiance; };
-struct RectLight { Vec3 corner, edgeU, edgeV, normal; Vec3 radiance; float area = 0; };
+// A point light is a spot light with a cone of 180 degrees.
+// Light groups have their own beauty output; -1 is no group.
+constexpr int kMaxLightGroups = 16;
 
-struct Material {
-  Vec3 albedo{0.18f, 0.18f, 0.18f};
-  Vec3 emission;
-  float roughness = 0.0f;  // Oren-Nayar sigma in radians; 0 is Lambert
+struct PointLight {
+  Vec3 position, intensity;
+  int group = -1;
+  Vec3 axis{0, 0, -1};            // where a spot light points
+  float cosOuter = -2, cosInner = -1;  // the cone's edge and where it starts to fade
+};
+struct DistantLight { Vec3 towardLight; Vec3 irradiance; int group = -1; };
+struct RectLight {
+  Vec3 corner, edgeU, edgeV, normal;
+  Vec3 radiance;
+  float area = 0;
+  bool cameraVisible = false;
+  int group = -1;
 };
 
-// Per Embree geometry: its material and, when given, per-vertex normals.
+// Where each output is in a pixel of the image's sums, in floats; -1 when
+// not asked for. Beauty is always first.
+struct OutputLayout {
+  int channels = 3;
+  int diffuse = -1, specular = -1, emission = -1, albedo = -1, normal = -1, depth = -1;
+  int groups = -1;  // the first light group's RGB, the others after it
+  std::vector<std::string> names;  // of every channel, for the image file
+  bool any() const { return channels > 3; }
+};
+
+// How lights are sampled: both ways, weighted (the default), or one way
+// only, for measurements.
+enum class LightSampling { kBoth, kLightsOnly, kBsdfOnly };
+
+// Per Embree geometry: what shading reads besides the hit itself.
 struct MeshShading {
   std::string path;  // the polymesh location
-  // World-space normals at the three corners of each triangle, side by side
-  // so a hit reads one place; empty for flat shading.
-  std::vector<Vec3> cornerNormals;
+  // Embree's own buffers of the geometry: world-space points, 3 floats
+  // each, and 3 point indices a triangle.
+  const float* points = nullptr;
+  const unsigned* triangles = nullptr;
+  // World-space normals, one per point (packUnit), for smooth shading;
+  // empty for flat.
+  std::vector<uint32_t> normals;
+  // Texture coordinates, two per point, shared with the mesh they came
+  // from; null without.
+  std::shared_ptr<const std::vector<float>> uvs;
 };
 
 struct RenderSettings {
@@ -53,7 +85,10 @@ struct RenderSettings {
   int samples = 16;
   int maxDepth = 5;
   int frame = 1;
+  bool frameGiven = false;  // renderSettings.frame was set
+  bool valid = true;        // false after an invalid setting was reported
   std::string output;  // '#' runs become the zero-padded frame number
+  std::vector<std::string> outputs;  // besides beauty
 };
 
 class RenderScene {
@@ -68,13 +103,23 @@ class RenderScene {
   std::vector<PointLight> pointLights;
   std::vector<DistantLight> distantLights;
   std::vector<RectLight> rectLights;
-  Vec3 dome;
+  DomeLight dome;
+  LightSampling lightSampling = LightSampling::kBoth;
+  std::vector<std::string> lightGroups;  // by group index
+  int domeGroup = -1;
+  OutputLayout layout;
+  // The width a camera pixel covers at distance d: a + b d.
+  float footprintAt0 = 0, footprintPerDistance = 0;
   std::vector<Material> materials;
+  bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.
   std::shared_ptr<const struct Geometry> geometry;
 
   size_t triangleCount() const;
 };
+
+// Scenes of more triangles are built for memory rather than speed.
+constexpr size_t kCompactTriangles = 1000000;
 
 struct Geometry {
   ~Geometry();

@@ -44,13 +44,24 @@ void Renderer::load(const SceneTree& tree) {
 void Renderer::recompile(bool reuseGeometry) {
   compiled = compileScene(sceneTree, device, meshes, reporter, compiled.get(), reuseGeometry);
   if (options.samples > 0) compiled->settings.samples = options.samples;
+  compiled->lightSampling = options.lightSampling;
+  compiled->dome.uniformSampling = options.uniformDome;
 }
 
 void Renderer::startOverLocked() {
-  sums.assign(size_t(compiled->settings.width) * compiled->settings.height * 3, 0.0f);
+  try {
+    sums.assign(size_t(compiled->settings.width) * compiled->settings.height *
+                    compiled->layout.channels, 0.0f);
+  } catch (const std::bad_alloc&) {
+    PT_ERROR("Cannot allocate the image of " << compiled->settings.width << "x"
+                                             << compiled->settings.height << " pixels");
+    compiled->settings.valid = false;
+    sums.clear();
+  }
   samplesDone = 0;
   latest.clear();
-  publisher.resize(compiled->settings.width, compiled->settings.height);
+  if (compiled->settings.valid)
+    publisher.resize(compiled->settings.width, compiled->settings.height, compiled->layout.names);
   // A deeper first pass would keep the new state off screen for longer.
   previewPending = compiled->settings.maxDepth > kPreviewDepth;
   ++generation;
@@ -75,13 +86,15 @@ bool Renderer::writeImage(const std::vector<float>& pixels) {
                                    "the image is not written");
     return false;
   }
-  return writeImageTo(path, compiled->settings.width, compiled->settings.height, pixels);
+  return writeImageTo(path, compiled->settings.width, compiled->settings.height, pixels,
+                      compiled->layout.names);
 }
 
 bool Renderer::writeImageTo(const std::string& path, int width, int height,
-                            const std::vector<float>& pixels) {
+                            const std::vector<float>& pixels,
+                            const std::vector<std::string>& channels) {
   std::string error;
-  if (!writeImageAtomically(path, width, height, pixels, error)) {
+  if (!writeImageAtomically(path, width, height, pixels, error, channels)) {
     PT_ERROR("Cannot write image \"" << path << "\": " << error);
     return false;
   }
@@ -90,6 +103,18 @@ bool Renderer::writeImageTo(const std::string& path, int width, int height,
 
 bool Renderer::renderBatch() {
   const RenderSettings& s = compiled->settings;
+  if (!s.valid) {
+    PT_ERROR("Nothing rendered: the scene's renderSettings are invalid");
+    return false;
+  }
+  // kindlet renders a sequence's files one after the other with one plug-in;
+  // without a frame of their own they would all write the same file.
+  const std::string path = options.writeImages ? outputPath() : std::string();
+  if (!path.empty() && !batchImages.insert(path).second) {
+    PT_ERROR("Nothing rendered: image \"" << path << "\" was already written by this render"
+             << (s.frameGiven ? "" : "; give each scene file its own renderSettings.frame"));
+    return false;
+  }
   PT_INFO("Rendering " << s.width << "x" << s.height << ", " << s.samples
                        << " samples per pixel, " << compiled->triangleCount() << " triangles");
   const std::atomic<bool> never{false};
@@ -149,8 +174,8 @@ void Renderer::liveLoop() {
   std::unique_lock<std::mutex> lock(stateMutex);
   for (;;) {
     stateChanged.wait(lock, [&] {
-      return stopping ||
-             (!paused && (previewPending || (!held && samplesDone < compiled->settings.samples)));
+      return stopping || (!paused && compiled->settings.valid &&
+                          (previewPending || (!held && samplesDone < compiled->settings.samples)));
     });
     if (stopping) return;
     busy = true;
@@ -181,16 +206,18 @@ void Renderer::liveLoop() {
     // neither a viewer nor an update waits for the file.
     std::string path;
     int width = 0, height = 0;
+    std::vector<std::string> channels;
     if (current && options.writeImages) {
       path = outputPath();
       width = compiled->settings.width;
       height = compiled->settings.height;
+      channels = compiled->layout.names;
       if (path.empty()) writeImage(pixels);  // only warns
     }
     busy = false;
     lock.unlock();
     stateChanged.notify_all();
-    if (!path.empty()) writeImageTo(path, width, height, pixels);
+    if (!path.empty()) writeImageTo(path, width, height, pixels, channels);
     lock.lock();
   }
 }
@@ -263,6 +290,16 @@ std::vector<float> Renderer::image(int* width, int* samples) {
   std::lock_guard<std::mutex> lock(stateMutex);
   if (width) *width = compiled->settings.width;
   if (samples) *samples = samplesDone;
+  const size_t channels = size_t(compiled->layout.channels);
+  if (channels == 3) return latest;
+  std::vector<float> beauty(latest.size() / channels * 3);
+  for (size_t i = 0; i < beauty.size() / 3; ++i)
+    std::copy_n(&latest[i * channels], 3, &beauty[3 * i]);
+  return beauty;
+}
+
+std::vector<float> Renderer::outputs() {
+  std::lock_guard<std::mutex> lock(stateMutex);
   return latest;
 }
 

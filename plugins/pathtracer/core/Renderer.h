@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,6 +30,9 @@ struct RendererOptions {
   int samples = 0;             // overrides the scene's when > 0
   std::string output;          // overrides the scene's when not empty
   bool writeImages = true;     // off for measurements of the passes alone
+  // For measurements of the sampling itself.
+  LightSampling lightSampling = LightSampling::kBoth;
+  bool uniformDome = false;    // the dome image's brightness not used to sample it
 };
 
 class Renderer {
@@ -68,6 +72,8 @@ class Renderer {
   // The last complete image of the current state, width * height * 3, and
   // its samples per pixel (0 for the quick first image).
   std::vector<float> image(int* width = nullptr, int* samples = nullptr);
+  // The same with every output, laid out as scene().layout says.
+  std::vector<float> outputs();
   const SceneTree& tree() const { return sceneTree; }
   const RenderScene& scene() const { return *compiled; }
   // The output path of the current frame, "" when none was set.
@@ -80,7 +86,7 @@ class Renderer {
   std::vector<float> average(int samples) const;
   bool writeImage(const std::vector<float>& pixels);
   bool writeImageTo(const std::string& path, int width, int height,
-                    const std::vector<float>& pixels);
+                    const std::vector<float>& pixels, const std::vector<std::string>& channels);
 
   RendererOptions options;
   RTCDevice device = nullptr;
@@ -93,6 +99,7 @@ class Renderer {
   SceneTree sceneTree;
   std::unique_ptr<RenderScene> compiled;
   std::vector<float> sums;
+  std::set<std::string> batchImages;  // written by renderBatch, never overwritten
 
   std::mutex queueMutex;
   std::vector<GroupAttribute> queue;

@@ -62,6 +62,16 @@ void SceneTree::add(const XoScenegraphIterator& it, const std::string& path) {
   }
 }
 
+bool SceneTree::hasMeshBelow(const std::string& path) const {
+  const Location* location = find(path);
+  if (!location) return false;
+  for (const std::string& child : location->children) {
+    const Location* below = find(child);
+    if (below && (typeAffectsGeometry(below->type) || hasMeshBelow(child))) return true;
+  }
+  return false;
+}
+
 const Location* SceneTree::find(const std::string& path) const {
   auto found = locations.find(path);
   return found == locations.end() ? nullptr : &found->second;
@@ -130,8 +140,10 @@ UpdateEffect SceneTree::apply(const GroupAttribute& update) {
       location.type = type.getValue();
     }
     if (attributes.isValid()) location.attributes = mergeGroups(location.attributes, attributes);
-    // A transform on a group moves everything below it.
-    effect.geometryChanged |= typeAffectsGeometry(location.type);
+    // Meshes are baked into world space: a transform anywhere above one
+    // moves it, whatever the type of the location that holds the transform.
+    effect.geometryChanged |= typeAffectsGeometry(location.type) ||
+                              (attributes.getChildByName("xform").isValid() && hasMeshBelow(path));
     effect.anythingChanged = true;
   }
   return effect;

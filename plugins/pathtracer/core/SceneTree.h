@@ -45,6 +45,8 @@ class SceneTree {
  private:
   void add(const Arbolite3::internal::XoScenegraphIterator& it, const std::string& path);
   void remove(const std::string& path);
+  // Whether a location below `path` holds (or may hold) triangles.
+  bool hasMeshBelow(const std::string& path) const;
 
   std::string root;
   std::map<std::string, Location> locations;

@@ -1,0 +1,55 @@
+// The light from every direction that escapes the scene: uniform, or a
+// lat-long image turned by the dome's transform, sampled in proportion to
+// its brightness.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Math.h"
+
+namespace pathtracer {
+
+class DomeLight {
+ public:
+  // Reads a lat-long image (EXR, HDR, anything OpenImageIO reads). False,
+  // with the reason in `error`, when it cannot be read.
+  bool loadImage(const std::string& path, std::string& error);
+  // Takes `other`'s image, read before, if it is of `path`.
+  bool reuseImage(const DomeLight& other, const std::string& path);
+  void setTransform(const Transform& toWorld);
+
+  Vec3 color;  // uniform radiance, or the image's scale
+  bool cameraVisible = true;
+  bool uniformSampling = false;  // for measurements: ignore the image's brightness
+
+  bool active() const { return !color.isBlack(); }
+  bool hasImage() const { return image != nullptr; }
+  // Radiance arriving from unit world direction `toward` (pointing away
+  // from the receiver).
+  Vec3 radiance(const Vec3& toward) const;
+  // A direction to sample for a receiver with unit normal `n`, and its
+  // solid-angle density; pdf() is the same density for any direction, 0
+  // for a uniform dome, which bounces find as well as sampling would.
+  // `radiance`, when given, gets radiance() of the direction.
+  Vec3 sample(float u1, float u2, const Vec3& n, float& pdf, Vec3* radiance = nullptr) const;
+  float pdf(const Vec3& toward, const Vec3& n) const;
+  // radiance() and pdf() at once, for one look-up of the image.
+  Vec3 radianceAndPdf(const Vec3& toward, const Vec3& n, float& pdf) const;
+
+ private:
+  int texelOf(const Vec3& toward, float* sinTheta) const;
+  struct Image {
+    std::string path;
+    int width = 0, height = 0;
+    std::vector<float> texels;            // RGB, row 0 at the top (+Y)
+    std::vector<float> rowCdf;            // height + 1
+    std::vector<float> columnCdf;         // height rows of width + 1
+    std::vector<float> texelProbability;  // per texel
+  };
+  std::shared_ptr<const Image> image;  // shared with the scene it was rebuilt from
+  Transform toWorld, toLocal;
+};
+
+}  // namespace pathtracer
