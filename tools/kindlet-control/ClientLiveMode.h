@@ -3,6 +3,8 @@
 // sends them what the script says.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <istream>
 #include <string>
 #include <vector>
@@ -17,6 +19,10 @@ struct ClientLiveOptions {
   double connectTimeout = 60;       // for the registrations
   double timeout = 0;               // for kindlet's end once the script waits; 0: none
   std::string imagesDirectory;      // write the renders' images there; empty: ask for none
+  size_t backlogLimit = size_t(256) << 20;  // bytes a session may fall behind
+  size_t maxSessions = 128;                 // registrations served at once
+  size_t maxSessionsPerConnection = 1;
+  int64_t maxMessageBytes = int64_t(2) << 30;  // the largest message from a client
   std::vector<std::string> kindletOptions;
 };
 
