@@ -235,7 +235,7 @@ std::string RegistryServer::refusal(const std::string& identity,
   }
   if (own >= limits.sessionsPerConnection)
     return "one connection may register at most " + std::to_string(limits.sessionsPerConnection) +
-           " sessions";
+           (limits.sessionsPerConnection == 1 ? " session" : " sessions");
   if (total >= limits.sessions)
     return "the registry serves at most " + std::to_string(limits.sessions) + " sessions";
   return "";

@@ -116,6 +116,10 @@ void ImageSender::connectionEvents() {
       forgetAll();
       connected = send(helloMessage);
     } else if (event == ZMQ_EVENT_DISCONNECTED) {
+      // Also after a message beyond the largest size, which ZeroMQ does
+      // not connect again after (LiveRenderClient.cpp).
+      zmq.zmq_disconnect(socket, endpoint.c_str());
+      zmq.zmq_connect(socket, endpoint.c_str());
       connected = false;
     }
   }

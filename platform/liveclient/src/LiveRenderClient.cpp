@@ -215,6 +215,11 @@ void LiveRenderClient::receive() {
         connected = true;
         lost = false;
       } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
+        // ZeroMQ connects again by itself after a lost connection but not
+        // after one it ended for a message beyond the largest size: connect
+        // anew in either case.
+        zmq->zmq_disconnect(socket, endpoint.c_str());
+        zmq->zmq_connect(socket, endpoint.c_str());
         connected = false;
         lost = true;
         if (channel().errorEnabled())
