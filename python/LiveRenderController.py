@@ -25,7 +25,11 @@ Sending never waits for a render: what a render's connection will not take
 yet waits in that session's backlog, in order, and goes out as the render
 reads, on every call of this class (poll, waitForSessions, flush, a send). A
 session whose backlog passes `backlogLimit` bytes has stopped reading: it is
-given up with a line on standard error and listed in `givenUp`.
+given up with a line on standard error and listed in `givenUp`; the client
+is told (a given-up message) and ends its live render. Registrations beyond
+`maxSessions` in total or `maxSessionsPerConnection` on one connection are
+refused the same way, and a client message larger than `maxMessageBytes`
+ends that client's connection.
 
 Images: `Registry(images=["*"], onImage=callable)` asks every render that
 offers them for its renderer's images (or those named) and hands each pass
@@ -50,10 +54,11 @@ import zmq
 import LiveRenderImages
 
 __all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND",
-           "REGION", "SHARED_UPDATE"]
+           "REGION", "SHARED_UPDATE", "GIVEN_UP"]
 
 REGISTER, BYE, REGION_MAPPED = 0x01, 0x02, 0x03
 REGISTERED, UPDATE, COMMAND, REGION, SHARED_UPDATE = 0x81, 0x82, 0x83, 0x84, 0x85
+GIVEN_UP = 0x8a
 
 REGION_HEADER = 64       # bytes before the payloads; the first 8 are the release mark
 REGION_SIZE = 16 << 20
@@ -97,17 +102,30 @@ class PayloadRing(object):
         return struct.pack("<BIQQQ", SHARED_UPDATE, 24, REGION_HEADER + at, size, self._written)
 
 
+def _isInt64(value):
+    return type(value) is int and -(1 << 63) <= value < (1 << 63)
+
+
 class Session(object):
     """One registered render: the fields of its registration, and `identity`,
-    the routing socket's name for its connection."""
+    the routing socket's name for its connection. A registration that is not
+    a JSON object with every member of the right type raises ValueError, as
+    kindlet-control refuses it."""
 
     def __init__(self, identity, registration):
+        if not isinstance(registration, dict):
+            raise ValueError("registration is not a JSON object")
+        get = registration.get
+        if not (isinstance(get("session"), str) and _isInt64(get("sequenceID"))
+                and isinstance(get("opTreeFile"), str) and isinstance(get("renderer"), str)
+                and isinstance(get("renderMethods"), list) and _isInt64(get("pid"))):
+            raise ValueError("registration lacks a member or has one of the wrong type")
         self.identity = identity
         self.name = registration["session"]
         self.sequenceID = registration["sequenceID"]
         self.opTreeFile = registration["opTreeFile"]
         self.renderer = registration["renderer"]
-        self.renderMethods = list(registration["renderMethods"])
+        self.renderMethods = [m for m in registration["renderMethods"] if isinstance(m, str)]
         self.pid = registration["pid"]
         self.backlog = collections.deque()  # messages not yet taken, oldest first
         self.backlogBytes = 0
@@ -123,7 +141,8 @@ class Registry(object):
     """The service registry: one routing socket bound at host:port."""
 
     def __init__(self, port=0, host="127.0.0.1", backlogLimit=256 << 20, images=None,
-                 onImage=None):
+                 onImage=None, maxSessions=128, maxSessionsPerConnection=1,
+                 maxMessageBytes=2 << 30):
         self._context = zmq.Context()
         self._socket = self._context.socket(zmq.ROUTER)
         # A full connection refuses a message (which then waits in the
@@ -131,12 +150,17 @@ class Registry(object):
         # is reported instead of ignored.
         self._socket.setsockopt(zmq.ROUTER_MANDATORY, 1)
         self._socket.setsockopt(zmq.LINGER, 500)
+        # ZeroMQ allocates a message whole as soon as its size is known.
+        self._socket.setsockopt(zmq.MAXMSGSIZE, maxMessageBytes)
         self._socket.bind("tcp://%s:%s" % (host, port or "*"))
         self.port = int(self._socket.getsockopt_string(zmq.LAST_ENDPOINT).rsplit(":", 1)[1])
         self.sessions = []
         self.ended = []  # sessions that said goodbye, oldest first
         self.givenUp = []  # sessions that were gone or stopped reading
         self.backlogLimit = backlogLimit
+        self.maxSessions = maxSessions
+        self.maxSessionsPerConnection = maxSessionsPerConnection
+        self._farewells = []  # (identity, given-up message) the connection has not taken yet
         # Shared memory reaches only clients on this machine.
         self._local = host.startswith("127.") or host == "localhost"
         # The names of the images to ask for ("*": all), what came of them.
@@ -176,7 +200,7 @@ class Registry(object):
         while True:
             self._flushBacklogs()
             remaining = max(0.0, deadline - time.monotonic())
-            if any(s.backlog for s in self.sessions):
+            if self._farewells or any(s.backlog for s in self.sessions):
                 # The routing socket says only that some connection has room,
                 # not which: look again soon.
                 remaining = min(remaining, 0.002)
@@ -266,6 +290,14 @@ class Registry(object):
         return True
 
     def _flushBacklogs(self):
+        for farewell in list(self._farewells):
+            try:
+                self._socket.send_multipart(list(farewell), zmq.NOBLOCK)
+            except zmq.Again:
+                continue
+            except zmq.ZMQError:
+                pass  # nobody left to tell
+            self._farewells.remove(farewell)
         for session in list(self.sessions):
             while session.backlog:
                 sent = self._trySend(session, session.backlog[0])
@@ -278,6 +310,26 @@ class Registry(object):
                          "not sent)\n" % (session, why, len(session.backlog)))
         self._forget(session)
         self.givenUp.append(session)
+        if why != "is gone":
+            self._farewell(session.identity, "it " + why)
+
+    def _farewell(self, identity, why):
+        """Tells the client its session was given up, once its connection
+        takes the message; the client then ends its live render."""
+        text = why.encode("utf-8")
+        self._farewells.append((identity, struct.pack("<BI", GIVEN_UP, len(text)) + text))
+        # Clients that refuse to read make it cost no more than the sessions would.
+        del self._farewells[:-self.maxSessions]
+        self._flushBacklogs()
+
+    def _refusal(self, identity, session):
+        others = [s for s in self.sessions if (s.pid, s.name) != (session.pid, session.name)]
+        if sum(s.identity == identity for s in others) >= self.maxSessionsPerConnection:
+            return "one connection may register at most %d session%s" % (
+                self.maxSessionsPerConnection, "" if self.maxSessionsPerConnection == 1 else "s")
+        if len(others) >= self.maxSessions:
+            return "the registry serves at most %d sessions" % self.maxSessions
+        return None
 
     def _forget(self, session, reregistered=False):
         self.sessions.remove(session)
@@ -292,9 +344,17 @@ class Registry(object):
     def _handle(self, identity, message):
         if message[0] == REGISTER:
             try:
-                registration = json.loads(message[1:].decode("utf-8"))
-                session = Session(identity, registration)
-            except (ValueError, KeyError, TypeError):
+                session = Session(identity, json.loads(message[1:].decode("utf-8")))
+            except ValueError as error:  # bad JSON and bad UTF-8 are ValueErrors too
+                sys.stderr.write("LiveRenderController: ignored a registration: %s\n"
+                                 % (error if "registration" in str(error)
+                                    else "registration is not a JSON object"))
+                return
+            refused = self._refusal(identity, session)
+            if refused:
+                sys.stderr.write("LiveRenderController: refused the registration of %r: %s\n"
+                                 % (session, refused))
+                self._farewell(identity, refused)
                 return
             # A client that reconnected registers again under a new identity.
             for old in [s for s in self.sessions if (s.pid, s.name) == (session.pid, session.name)]:

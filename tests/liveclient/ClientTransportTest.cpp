@@ -1,6 +1,7 @@
 // The client transport end to end: kindlet-control serves the registry and
 // starts the installed kindlet (or several), which record what reaches the
 // plug-in.
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -138,6 +139,34 @@ TEST_F(ClientTransport, EachFileGetsANewSessionAndTheLastLivesToTeardown) {
                                              "stopLiveEditing", "stop", "setSceneIterator",
                                              "start", "startLiveEditing", "stopLiveEditing",
                                              "stop", "teardown", "destroy"}));
+}
+
+// A "kindlet" that registers and then never reads: its session is given up,
+// and since it does not end when told, it is killed so that `wait` ends.
+TEST_F(ClientTransport, AGivenUpKindletThatDoesNotEndIsKilledAndWaitEnds) {
+  const std::string fake = dir.write(
+      "kindlet",
+      "#!/usr/bin/python3\n"
+      "import json, os, sys, time, zmq\n"
+      "s = zmq.Context().socket(zmq.DEALER)\n"
+      "s.setsockopt(zmq.RCVHWM, 1)\n"
+      "s.connect('tcp://127.0.0.1:' + sys.argv[sys.argv.index('-serviceRegistryPort') + 1])\n"
+      "s.send(b'\\x01' + json.dumps({'session': 'LiveRenderSession_1', 'sequenceID': 0,"
+      " 'opTreeFile': '', 'renderer': '', 'renderMethods': [], 'pid': os.getpid()}).encode())\n"
+      "time.sleep(300)\n");
+  ::chmod(fake.c_str(), 0755);
+  std::string script;
+  // More messages than the connection queues (1000), and 30 MB.
+  for (int i = 0; i < 1500; ++i) script += "update {\"pad\": \"" + std::string(20000, 'x') + "\"}\n";
+  const std::vector<std::string> arguments = {
+      kindlettest::testRoot() + "/bin/kindlet-control", "--kindlet", fake, "--backlog-limit",
+      "1000000", "--script", dir.write("script.txt", script + "stop\nwait\n")};
+  const RunResult result = kindlettest::run(arguments[0], arguments, {}, std::chrono::seconds(60));
+  EXPECT_EQ(result.exitStatus, 128 + 9) << result.err;
+  EXPECT_NE(result.err.find(" has stopped reading: more than 976 KiB wait for it; giving the "
+                            "session up ("), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find(" was given up and has not ended after 5 s; killing it"),
+            std::string::npos) << result.err;
 }
 
 TEST_F(ClientTransport, ALiveRenderWithoutRegistryEndsWith255) {

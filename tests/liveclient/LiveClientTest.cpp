@@ -207,6 +207,22 @@ TEST_F(LiveClient, BadBytesGiveOneErrorLineEachAndTheSessionGoesOn) {
   close(unsealed);
 }
 
+TEST_F(LiveClient, AMessageBeyondTheLargestSizeEndsTheConnectionAndTheSessionRegistersAgain) {
+  Arbolite3::XoConfiguration::v1::Config().set("SELVANE_LIVE_MAX_MESSAGE_BYTES", "65536");
+  Controller controller(0);
+  Received received;
+  auto client = startClient(controller.port, received);
+  Arbolite3::XoConfiguration::v1::Config().set("SELVANE_LIVE_MAX_MESSAGE_BYTES", "");
+  controller.receive();
+  const std::string first = controller.identity;
+  controller.send(live::encodeCommand(std::string(70000, 'x')));
+  EXPECT_EQ(controller.receive().substr(0, 1), std::string(1, char(live::kRegister)));
+  EXPECT_NE(controller.identity, first);
+  controller.send(live::encodeCommand("after"));
+  ASSERT_TRUE(received.waitFor(1));
+  EXPECT_EQ(received.items, std::vector<std::string>{"c after"});
+}
+
 TEST_F(LiveClient, BadRecordsInTheRegionGiveOneErrorLineEachAndTheStreamGoesOn) {
   Controller controller(0);
   Received received;

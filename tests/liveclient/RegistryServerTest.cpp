@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -148,6 +149,103 @@ TEST(RegistryServer, TheStreamMovesIntoTheRegionAndOutAroundWhatIsTooLargeForIt)
   std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ(received, expected);
   EXPECT_TRUE(registry.sessions()[0].inRegion);
+}
+
+// The messages waiting at `socket`, as text.
+std::vector<std::string> drain(void* socket, int milliseconds = 200) {
+  std::vector<std::string> messages;
+  zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
+  while (zmq_poll(&item, 1, milliseconds) > 0) {
+    char buffer[256];
+    const int n = zmq_recv(socket, buffer, sizeof buffer, 0);
+    messages.emplace_back(buffer, std::min<size_t>(std::max(n, 0), sizeof buffer));
+  }
+  return messages;
+}
+
+TEST(RegistryServer, RegistrationsBeyondTheCapsAndOversizedMessagesAreRefused) {
+  KindletControl::RegistryLimits limits;
+  limits.sessions = 2;
+  limits.messageBytes = 4096;
+  KindletControl::RegistryServer registry(1 << 20, true, limits);
+  unsigned short port = 0;
+  ASSERT_TRUE(registry.bind(port));
+  void* context = zmq_ctx_new();
+  void* first = registeredClient(context, port, 1, 1000);
+  for (int i = 0; i < 500 && registry.sessions().empty(); ++i) registry.poll(10);
+  live::Registration second;  // on the same connection
+  second.sessionName = "LiveRenderSession_2";
+  second.pid = 1;
+  // Larger than the registry takes: its connection ends, nothing is registered.
+  live::Registration huge = second;
+  huge.opTreeFile.assign(8192, 'x');
+  void* oversized = zmq_socket(context, ZMQ_DEALER);
+  zmq_connect(oversized, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+  testing::internal::CaptureStderr();
+  for (const std::string& message : {live::encodeRegister(second), live::encodeRegister(huge)})
+    zmq_send(message.size() > 4096 ? oversized : first, message.data(), message.size(), 0);
+  for (int i = 0; i < 50; ++i) registry.poll(10);
+  void* third = registeredClient(context, port, 3, 1000);
+  void* fourth = registeredClient(context, port, 4, 1000);
+  for (int i = 0; i < 100; ++i) registry.poll(10);
+  const std::string errors = testing::internal::GetCapturedStderr();
+
+  ASSERT_EQ(registry.sessions().size(), 2u);
+  EXPECT_EQ(registry.sessions()[0].registration.pid, 1);
+  const long refused = registry.sessions()[1].registration.pid == 3 ? 4 : 3;
+  const std::string full = "the registry serves at most 2 sessions";
+  const std::string perConnection = "one connection may register at most 1 session";
+  EXPECT_EQ(errors, "kindlet-control: refused the registration of session LiveRenderSession_2 pid 1: " +
+                        perConnection + "\nkindlet-control: refused the registration of session "
+                        "LiveRenderSession_1 pid " + std::to_string(refused) + ": " + full + "\n");
+  EXPECT_EQ(drain(first), (std::vector<std::string>{live::encodeRegistered(), live::encodeGivenUp(perConnection)}));
+  EXPECT_EQ(drain(refused == 3 ? third : fourth), std::vector<std::string>{live::encodeGivenUp(full)});
+  for (void* socket : {first, oversized, third, fourth}) zmq_close(socket);
+  zmq_ctx_term(context);
+}
+
+// A client whose callback hangs stops reading: once it reads again it learns
+// that it was given up, and its render is told to stop.
+TEST(RegistryServer, AGivenUpClientIsToldAndItsRenderStops) {
+  KindletControl::RegistryServer registry(1 << 20, false);
+  unsigned short port = 0;
+  ASSERT_TRUE(registry.bind(port));
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool hung = false, released = false;
+  std::string last;
+  live::LiveRenderClient client;
+  Arbolite3::internal::XoRendererInfo::XoRendererInfoPlugin info;
+  client.initializeSession(
+      "LiveRenderSession_1", 1, "scene", Arbolite3::internal::XoScenegraphIterator(), info,
+      "127.0.0.1", port, [](const Arbolite3::internal::XoAttribute::GroupAttribute&) {},
+      [&](const std::string& text) {
+        std::unique_lock<std::mutex> lock(mutex);
+        hung = true;
+        last = text;
+        changed.notify_all();
+        changed.wait(lock, [&] { return released; });
+      });
+  while (registry.sessions().empty()) registry.poll(10);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 1000000 && !registry.sessions().empty(); ++i) {
+    registry.send(live::encodeCommand(std::string(1024, 'x')), nullptr);
+    registry.poll(0);
+  }
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("has stopped reading"), std::string::npos);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+  std::unique_lock<std::mutex> lock(mutex);
+  for (int i = 0; i < 6000 && last != "stopLiveEditing"; ++i) {  // slow under sanitizers
+    lock.unlock();
+    registry.poll(10);
+    lock.lock();
+  }
+  EXPECT_TRUE(hung);
+  EXPECT_EQ(last, "stopLiveEditing");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@ kindlet with the recording renderer (KINDLET_TEST_ROOT names the root)."""
 
 import json
 import os
+import struct
 import subprocess
 import time
 
@@ -160,6 +161,59 @@ def test_a_session_that_stops_reading_holds_up_nobody(capfd):
         assert received == list(range(count))
         assert [s.pid for s in registry.givenUp] == [2]
         assert "pid=2) has stopped reading" in capfd.readouterr().err
+        # Told once it reads again: the last message says why.
+        last = None
+        while clients[1].poll(500):
+            last = clients[1].recv()
+            registry.poll(0)
+        assert last[0] == L.GIVEN_UP and b"it has stopped reading" in last[5:]
+    finally:
+        for client in clients:
+            client.close()
+        context.term()
+        registry.close(0)
+
+
+def test_bad_registrations_and_registrations_beyond_the_caps_are_refused(capfd):
+    registry = L.Registry(maxSessions=2, maxMessageBytes=4096)
+    context = zmq.Context()
+    clients = []
+
+    def register(client=None, **fields):
+        if client is None:
+            client = context.socket(zmq.DEALER)
+            client.setsockopt(zmq.LINGER, 0)
+            client.connect("tcp://127.0.0.1:%d" % registry.port)
+            clients.append(client)
+        registration = {"session": "s", "sequenceID": 0, "opTreeFile": "", "renderer": "",
+                        "renderMethods": [], "pid": 1}
+        registration.update(fields)
+        client.send(bytes([L.REGISTER]) + json.dumps(registration).encode())
+        registry.poll(0.3)
+        return client
+
+    try:
+        for bad in ({"pid": "1"}, {"sequenceID": "2"}, {"pid": True}, {"sequenceID": 2.0},
+                    {"pid": 1 << 63}, {"session": None}):
+            register(**bad)
+        register(opTreeFile="x" * 8192)  # larger than the registry takes
+        first = register(pid=1)
+        register(first, pid=1, session="t")  # a second one on the same connection
+        register(pid=2)
+        third = register(pid=3)
+        assert [repr(s) for s in registry.sessions] == ["Session('s', sequenceID=0, pid=1)",
+                                                        "Session('s', sequenceID=0, pid=2)"]
+        errors = capfd.readouterr().err.splitlines()
+        assert errors == ["LiveRenderController: ignored a registration: registration lacks a "
+                          "member or has one of the wrong type"] * 6 + [
+            "LiveRenderController: refused the registration of Session('t', sequenceID=0, "
+            "pid=1): one connection may register at most 1 session",
+            "LiveRenderController: refused the registration of Session('s', sequenceID=0, "
+            "pid=3): the registry serves at most 2 sessions"]
+        why = b"one connection may register at most 1 session"
+        assert [first.recv(), first.recv()] == [bytes([L.REGISTERED]), bytes([L.GIVEN_UP]) +
+                                                struct.pack("<I", len(why)) + why]
+        assert third.recv()[5:] == b"the registry serves at most 2 sessions"
     finally:
         for client in clients:
             client.close()

@@ -23,6 +23,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How long a kindlet whose session was given up has to end by itself.
+const std::chrono::seconds kGivenUpGrace(5);
+
 // The kindlets this program started, each with its own end report.
 class Renders {
  public:
@@ -60,6 +63,20 @@ class Renders {
   }
   void killAll() {
     for (auto& child : children) child->kill();
+  }
+  // A kindlet whose session was given up was told to stop; one that is
+  // still running after the grace does not read at all and is killed, so
+  // that `stop` and `wait` end.
+  void killGivenUp(const RegistryServer& registry) {
+    for (const GivenUp& given : registry.givenUp()) {
+      if (Clock::now() - given.when < kGivenUpGrace) continue;
+      for (auto& child : children) {
+        if (child->pid() != given.pid || child->ended()) continue;
+        std::cerr << "kindlet-control: kindlet pid " << given.pid << " was given up and has not ended after "
+                  << kGivenUpGrace.count() << " s; killing it" << std::endl;
+        child->kill();
+      }
+    }
   }
   // Each ended child's end, printed once; the first non-zero status, else 0.
   int report() {
@@ -126,7 +143,11 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     imageFiles.reset(new ImageFiles(options.imagesDirectory));
   }
   std::unique_ptr<Viewer> viewer;  // outlives the registry, which hands it passes
-  RegistryServer registry;
+  RegistryLimits limits;
+  limits.sessions = options.maxSessions;
+  limits.sessionsPerConnection = options.maxSessionsPerConnection;
+  limits.messageBytes = options.maxMessageBytes;
+  RegistryServer registry(options.backlogLimit, true, limits);
   if (options.view) {
     ViewerOptions viewing;
     viewing.address = options.viewAddress;
@@ -180,7 +201,10 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
       std::cout << "kindlet disconnected" << std::endl;
       return;
     }
-    if (!serveUntil(poll, options.timeout, [&] { return renders.allEnded(); })) {
+    if (!serveUntil(poll, options.timeout, [&] {
+          renders.killGivenUp(registry);
+          return renders.allEnded();
+        })) {
       std::cerr << "kindlet-control: kindlet still running after " << options.timeout
                 << " s; killing it" << std::endl;
       renders.killAll();
@@ -233,7 +257,11 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     // wakes nobody; sending it again costs nothing.
     for (int attempt = 0; attempt < 10; ++attempt) {
       if (registry.send(stop, to) == 0 || !renders.any()) break;
-      if (serveUntil(poll, 2, [&] { return renders.allEnded(); })) break;
+      if (serveUntil(poll, 2, [&] {
+            renders.killGivenUp(registry);
+            return renders.allEnded();
+          }))
+        break;
     }
   };
 

@@ -3,6 +3,8 @@
 // sends them what the script says.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <istream>
 #include <string>
 #include <vector>
@@ -21,6 +23,10 @@ struct ClientLiveOptions {
   std::string viewAddress = "127.0.0.1";
   unsigned short viewPort = 0;
   std::string viewSaveDirectory = ".";  // where the page's "save" writes
+  size_t backlogLimit = size_t(256) << 20;  // bytes a session may fall behind
+  size_t maxSessions = 128;                 // registrations served at once
+  size_t maxSessionsPerConnection = 1;
+  int64_t maxMessageBytes = int64_t(2) << 30;  // the largest message from a client
   std::vector<std::string> kindletOptions;
 };
 

@@ -47,6 +47,12 @@ const char usage[] =
     "                       after S seconds (60)\n"
     "  --timeout S          kill kindlet when it hasn't ended S seconds after the\n"
     "                       script asked to wait (default: wait for ever)\n"
+    "  --backlog-limit N    give a session up when more than N bytes wait for it\n"
+    "                       (268435456)\n"
+    "  --max-sessions N     refuse registrations beyond N sessions at once (128)\n"
+    "  --max-sessions-per-connection N   ... beyond N on one connection (1)\n"
+    "  --max-message-bytes N   end a client's connection that sends a larger\n"
+    "                       message (2147483648)\n"
     "Options after -- go to kindlet, after the live-render options this program\n"
     "adds (-host 127.0.0.1:0 -serviceRegistryPort P -renderMethodType liveRender;\n"
     "with --legacy-tcp -portControl N -portData M instead of the registry port).\n"
@@ -118,6 +124,16 @@ bool parseOptions(int argc, char** argv, Options& options) {
       options.connectTimeout = options.client.connectTimeout = number;
     } else if (option == "--timeout" && parseNumber(value, number)) {
       options.timeout = options.client.timeout = number;
+    } else if (option == "--backlog-limit" && parseNumber(value, number) && number >= 1) {
+      options.client.backlogLimit = static_cast<size_t>(number);
+    } else if (option == "--max-sessions" && parseNumber(value, number) && number >= 1) {
+      options.client.maxSessions = static_cast<size_t>(number);
+    } else if (option == "--max-sessions-per-connection" && parseNumber(value, number) &&
+               number >= 1) {
+      options.client.maxSessionsPerConnection = static_cast<size_t>(number);
+    } else if (option == "--max-message-bytes" && parseNumber(value, number) && number >= 64 &&
+               number < 9e18) {
+      options.client.maxMessageBytes = static_cast<int64_t>(number);
     } else {
       return false;
     }

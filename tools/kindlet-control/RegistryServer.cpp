@@ -37,9 +37,11 @@ std::string describe(const Session& session) {
 
 }  // namespace
 
-RegistryServer::RegistryServer(size_t backlogLimit, bool streamInRegion)
+RegistryServer::RegistryServer(size_t backlogLimit, bool streamInRegion,
+                               const RegistryLimits& limits)
     : backlogLimit(backlogLimit),
       streamInRegion(streamInRegion),
+      limits(limits),
       context(zmq_ctx_new()) {}
 
 RegistryServer::~RegistryServer() {
@@ -56,6 +58,8 @@ bool RegistryServer::bind(unsigned short& port, double retrySeconds) {
     // of dropping it.
     zmq_setsockopt(socket, ZMQ_ROUTER_MANDATORY, &one, sizeof one);
     zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+    // ZeroMQ allocates a message whole as soon as its size is known.
+    zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &limits.messageBytes, sizeof limits.messageBytes);
   }
   const std::string endpoint =
       "tcp://127.0.0.1:" + (port == 0 ? std::string("*") : std::to_string(port));
@@ -93,6 +97,7 @@ void RegistryServer::close(double flushSeconds) {
   for (Session& session : table)
     if (session.ring) retired.push_back({session.registration, std::move(session.ring)});
   table.clear();
+  farewells.clear();
   zmq_close(socket);
   socket = nullptr;
 }
@@ -159,6 +164,14 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       std::cerr << "kindlet-control: ignored a registration: " << error << std::endl;
       return;
     }
+    const std::string refused = refusal(identity, registration);
+    if (!refused.empty()) {
+      std::cerr << "kindlet-control: refused the registration of session "
+                << registration.sessionName << " pid " << registration.pid << ": " << refused
+                << std::endl;
+      farewell(identity, refused);
+      return;
+    }
     // A client that reconnects registers again under a new identity; what
     // its old connection still had to send can no longer reach it.
     for (size_t i = table.size(); i-- > 0;) {
@@ -169,6 +182,9 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
                   << table[i].backlog.size() << " messages" << std::endl;
       table.erase(table.begin() + static_cast<long>(i));
     }
+    givenUpSessions.erase(std::remove_if(givenUpSessions.begin(), givenUpSessions.end(),
+                                         [&](const GivenUp& old) { return old.pid == registration.pid; }),
+                          givenUpSessions.end());
     std::cout << "registered " << registration.sessionName << " sequenceID "
               << registration.sequenceID << " pid " << registration.pid << std::endl;
     retired.erase(std::remove_if(retired.begin(), retired.end(),
@@ -208,6 +224,32 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
     std::cerr << "kindlet-control: ignored a message of unknown kind " << kind
               << " from a client" << std::endl;
   }
+}
+
+std::string RegistryServer::refusal(const std::string& identity,
+                                    const Registration& registration) const {
+  size_t total = 0, own = 0;
+  for (const Session& session : table) {
+    const Registration& known = session.registration;
+    if (known.pid == registration.pid && known.sessionName == registration.sessionName)
+      continue;  // registers again: replaced
+    ++total;
+    if (session.identity == identity) ++own;
+  }
+  if (own >= limits.sessionsPerConnection)
+    return "one connection may register at most " + std::to_string(limits.sessionsPerConnection) +
+           (limits.sessionsPerConnection == 1 ? " session" : " sessions");
+  if (total >= limits.sessions)
+    return "the registry serves at most " + std::to_string(limits.sessions) + " sessions";
+  return "";
+}
+
+void RegistryServer::farewell(const std::string& identity, const std::string& why) {
+  const std::string message = protocol::encodeGivenUp(why);
+  if (trySend(identity, message.data(), message.size(), nullptr) != Outcome::Full) return;
+  farewells.emplace_back(identity, message);
+  // Clients that refuse to read make it cost no more than the sessions would.
+  if (farewells.size() > limits.sessions) farewells.pop_front();
 }
 
 void RegistryServer::forgetImages(const Session& session) {
@@ -257,6 +299,12 @@ RegistryServer::Outcome RegistryServer::sendNow(Session& session, const Message&
 }
 
 void RegistryServer::flush() {
+  for (auto it = farewells.begin(); it != farewells.end();) {
+    if (trySend(it->first, it->second.data(), it->second.size(), nullptr) == Outcome::Full)
+      ++it;
+    else
+      it = farewells.erase(it);  // sent, or nobody left to tell
+  }
   for (size_t i = 0; i < table.size();) {
     Session& session = table[i];
     Outcome outcome = Outcome::Sent;
@@ -269,18 +317,20 @@ void RegistryServer::flush() {
     // Records in a region reach a client whether it lives or not: ask the
     // system instead of the socket.
     if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid))) {
-      giveUp(i, "is gone");
+      giveUp(i, "is gone", "");
     } else {
       ++i;
     }
   }
 }
 
-void RegistryServer::giveUp(size_t index, const std::string& why) {
+void RegistryServer::giveUp(size_t index, const std::string& why, const std::string& toClient) {
   std::cerr << "kindlet-control: " << describe(table[index]) << " " << why;
   if (!table[index].backlog.empty())
     std::cerr << " (" << table[index].backlog.size() << " messages to it not sent)";
   std::cerr << std::endl;
+  givenUpSessions.push_back({table[index].registration.pid, std::chrono::steady_clock::now()});
+  if (!toClient.empty()) farewell(table[index].identity, toClient);
   forgetImages(table[index]);
   table.erase(table.begin() + static_cast<long>(index));
 }
@@ -290,15 +340,16 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
   // Behind a backlog a message waits its turn, so the stream stays ordered.
   const Outcome outcome = session.backlog.empty() ? sendNow(session, message) : Outcome::Full;
   if (outcome == Outcome::Gone) {
-    giveUp(index, "is gone");
+    giveUp(index, "is gone", "");
     return false;
   }
   if (outcome == Outcome::Full) {
     session.backlog.push_back(message);
     session.backlogBytes += message->size();
     if (session.backlogBytes > backlogLimit) {
-      giveUp(index, "has stopped reading: more than " + std::to_string(backlogLimit >> 10) +
-                        " KiB wait for it; giving the session up");
+      const std::string behind = "more than " + std::to_string(backlogLimit >> 10) + " KiB wait for it";
+      giveUp(index, "has stopped reading: " + behind + "; giving the session up",
+             "it has stopped reading: " + behind);
       return false;
     }
   }

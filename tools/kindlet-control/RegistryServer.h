@@ -7,6 +7,11 @@
 // nobody else; once its backlog passes the bound the session is given up with
 // one line on standard error, never dropped in silence.
 //
+// Giving a session up (it stopped reading, or its registration is refused
+// because the registry is full) is said to the client with kGivenUp, which
+// waits until the client's connection takes it: the client then ends its
+// live render.
+//
 // A client that can read updates from shared memory gets a region of its own
 // (StreamRing.h). Once the client has mapped it, the session's whole stream
 // moves there: each message is a record the client reads without a socket or
@@ -15,10 +20,13 @@
 // returning to the region after it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ImageReceiver.h"
@@ -42,13 +50,31 @@ struct Session {
   bool waitsForRegion = false;        // the backlog's head waits for room in the ring
 };
 
+// What one client, or all of them, may cost the registry: each session has
+// a memory file and a pipe, and ZeroMQ allocates a message whole before it
+// is handed over.
+struct RegistryLimits {
+  size_t sessions = 128;              // in total
+  size_t sessionsPerConnection = 1;   // a client registers one per connection
+  // The largest message from a client; a larger one ends its connection.
+  // Enough for an image pass of 8192x8192 pixels of 8 floats in the message.
+  int64_t messageBytes = int64_t(2) << 30;
+};
+
+// A session the registry gave up, for those who wait for its render.
+struct GivenUp {
+  long pid;
+  std::chrono::steady_clock::time_point when;
+};
+
 class RegistryServer {
  public:
   // Bytes a session may fall behind before it is given up.
   static const size_t kDefaultBacklogLimit = size_t(256) << 20;
   // `streamInRegion`: move a session's stream into its region once mapped
   // (false: no region, everything through the socket, as to a client elsewhere).
-  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit, bool streamInRegion = true);
+  explicit RegistryServer(size_t backlogLimit = kDefaultBacklogLimit, bool streamInRegion = true,
+                          const RegistryLimits& limits = RegistryLimits());
   ~RegistryServer();
   RegistryServer(const RegistryServer&) = delete;
   RegistryServer& operator=(const RegistryServer&) = delete;
@@ -77,6 +103,8 @@ class RegistryServer {
   void alsoWakeOn(int fd) { wakeFd = fd; }
 
   const std::vector<Session>& sessions() const { return table; }
+  // The sessions given up whose process has not registered since, oldest first.
+  const std::vector<GivenUp>& givenUp() const { return givenUpSessions; }
   bool backlogged() const;
 
   // Sends one message to every session, or only to those with sequence ID
@@ -101,12 +129,21 @@ class RegistryServer {
   // Sends to table[index] or queues behind its backlog; false when the
   // session was given up.
   bool sendTo(size_t index, const Message& message);
-  // Removes table[index] after a line on standard error saying why.
-  void giveUp(size_t index, const std::string& why);
+  // Removes table[index] after a line on standard error saying why; the
+  // client is told `toClient` unless it is empty (a client that is gone).
+  void giveUp(size_t index, const std::string& why, const std::string& toClient);
+  // kGivenUp to `identity` now, or once its connection has room.
+  void farewell(const std::string& identity, const std::string& why);
+  // Why a registration cannot be taken; empty when it can.
+  std::string refusal(const std::string& identity,
+                      const Morrigo::Selvane::LiveRendering::Registration& registration) const;
   void forgetImages(const Session& session);
 
   const size_t backlogLimit;
   const bool streamInRegion;
+  const RegistryLimits limits;
+  std::deque<std::pair<std::string, std::string>> farewells;  // identity, kGivenUp not sent yet
+  std::vector<GivenUp> givenUpSessions;
   void* context;
   void* socket = nullptr;
   int wakeFd = -1;

@@ -20,6 +20,7 @@ namespace LiveRendering {
 namespace {
 
 const char kSource[] = "platform/liveclient/ImageSender";
+const int64_t kLargestImageAnswer = 256;
 
 const XoLoggingHost::XoLoggerGlue& channel() {
   static const XoLoggingHost::XoLoggerGlue logger("LiveRendering");
@@ -40,6 +41,10 @@ ImageSender::ImageSender(const ZmqLibrary& zmq, void* context, const std::string
   setOption(zmq, socket, ZMQ_HEARTBEAT_IVL, 1000);
   setOption(zmq, socket, ZMQ_HEARTBEAT_TIMEOUT, 3000);
   setOption(zmq, socket, ZMQ_RECONNECT_IVL_MAX, 1000);
+  // The controller sends only kImageDone here: anything much larger ends
+  // the connection before it is allocated.
+  const int64_t largest = kLargestImageAnswer;
+  zmq.zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest);
   char name[64];
   snprintf(name, sizeof name, "inproc://image-events-%p", static_cast<void*>(this));
   zmq.zmq_socket_monitor(socket, name, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
@@ -111,6 +116,10 @@ void ImageSender::connectionEvents() {
       forgetAll();
       connected = send(helloMessage);
     } else if (event == ZMQ_EVENT_DISCONNECTED) {
+      // Also after a message beyond the largest size, which ZeroMQ does
+      // not connect again after (LiveRenderClient.cpp).
+      zmq.zmq_disconnect(socket, endpoint.c_str());
+      zmq.zmq_connect(socket, endpoint.c_str());
       connected = false;
     }
   }

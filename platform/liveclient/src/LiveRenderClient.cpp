@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "ImageSender.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "SharedRegion.h"
 #include "XoImageOut/ImageHost.h"
 #include "ZmqLibrary.h"
+#include "XoConfiguration/Configuration.h"
 #include "XoLoggingHost/XoLoggerGlue.h"
 
 namespace Morrigo {
@@ -39,6 +41,26 @@ std::string zmqError(const ZmqLibrary& zmq) { return zmq.zmq_strerror(zmq.zmq_er
 
 void setOption(const ZmqLibrary& zmq, void* socket, int option, int value) {
   zmq.zmq_setsockopt(socket, option, &value, sizeof value);
+}
+
+// The largest message taken from the controller: a larger one ends the
+// connection (ZeroMQ refuses it before allocating) and the session registers
+// again. By default what the protocol's 32-bit lengths allow.
+int64_t largestMessage() {
+  const std::string text =
+      Arbolite3::XoConfiguration::v1::Config().get("SELVANE_LIVE_MAX_MESSAGE_BYTES");
+  char* end = nullptr;
+  const long long value = text.empty() ? 0 : std::strtoll(text.c_str(), &end, 10);
+  if (text.empty()) return kLargestControllerMessage;
+  if (*end != '\0' || value < int64_t(kHeaderSize)) {
+    if (channel().warnEnabled())
+      channel().warn("LiveRenderClient: SELVANE_LIVE_MAX_MESSAGE_BYTES=" + text +
+                         " is not a number of bytes of at least 5; using " +
+                         std::to_string(kLargestControllerMessage) + ".",
+                     kSource, __LINE__);
+    return kLargestControllerMessage;
+  }
+  return value;
 }
 
 void closeSocket(const ZmqLibrary& zmq, void*& socket) {
@@ -116,6 +138,8 @@ void LiveRenderClient::initializeSession(
   setOption(*zmq, socket, ZMQ_HEARTBEAT_TIMEOUT, kHeartbeatTimeoutMs);
   setOption(*zmq, socket, ZMQ_RECONNECT_IVL_MAX, kReconnectMaxMs);
   setOption(*zmq, socket, ZMQ_RCVTIMEO, kStreamPauseMs);
+  const int64_t largest = largestMessage();
+  zmq->zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest);
   // The thread learns of each connection and loss from the socket's own
   // events: one error line per outage, not one per reconnection attempt.
   char name[64];
@@ -191,6 +215,11 @@ void LiveRenderClient::receive() {
         connected = true;
         lost = false;
       } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
+        // ZeroMQ connects again by itself after a lost connection but not
+        // after one it ended for a message beyond the largest size: connect
+        // anew in either case.
+        zmq->zmq_disconnect(socket, endpoint.c_str());
+        zmq->zmq_connect(socket, endpoint.c_str());
         connected = false;
         lost = true;
         if (channel().errorEnabled())
@@ -265,7 +294,7 @@ void LiveRenderClient::readStream(std::string& command) {
       region->consumed(record.next);
       region->closeStream();
     } else {
-      if (decoded.kind == kCommand || decoded.kind == kImagesWanted)
+      if (decoded.kind == kCommand || decoded.kind == kImagesWanted || decoded.kind == kGivenUp)
         command.assign(decoded.command, decoded.commandLength);
       // The parsed update and the command own their bytes: the record may go.
       region->consumed(record.next);
@@ -308,7 +337,7 @@ void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
     dropped(error);
     return;
   }
-  if (decoded.kind == kCommand || decoded.kind == kImagesWanted)
+  if (decoded.kind == kCommand || decoded.kind == kImagesWanted || decoded.kind == kGivenUp)
     command.assign(decoded.command, decoded.commandLength);
   handOn(decoded, command);
 }
@@ -334,6 +363,14 @@ void LiveRenderClient::handOn(const ControllerMessage& decoded, const std::strin
     }
     case kCommand:
       onCommand(command);
+      break;
+    case kGivenUp:
+      // Nobody feeds this render any more: it ends as if told to stop.
+      if (channel().errorEnabled())
+        channel().error("LiveRenderClient: the controller at " + endpoint +
+                            " gave the session up: " + command + "; the live render stops.",
+                        kSource, __LINE__);
+      onCommand("stopLiveEditing");
       break;
     case kRegistered:
       if (channel().infoEnabled())

@@ -164,6 +164,8 @@ std::string encodeImagesWanted(const std::vector<std::string>& names) {
   return withLength(kImagesWanted, body);
 }
 
+std::string encodeGivenUp(const std::string& why) { return withLength(kGivenUp, why); }
+
 std::string encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark) {
   std::string message(kSharedUpdateSize, '\0');
   encodeSharedUpdate(offset, size, releaseMark, &message[0]);
@@ -184,8 +186,9 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     return true;
   }
   static const char* const names[] = {"update",    "command",   "region",      "shared update",
-                                      "to-region", "to-socket", "images-wanted"};
-  if (kind < kUpdate || kind > kImagesWanted) {
+                                      "to-region", "to-socket", "images-wanted", nullptr,
+                                      "given-up"};
+  if (kind < kUpdate || kind > kGivenUp || names[kind - kUpdate] == nullptr) {
     char text[48];
     snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
     error = text;
@@ -208,6 +211,7 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     case kCommand:
     case kRegion:
     case kImagesWanted:
+    case kGivenUp:
       message.kind = static_cast<MessageKind>(kind);
       message.command = reinterpret_cast<const char*>(body);
       message.commandLength = length;

@@ -13,7 +13,7 @@ namespace LiveRendering {
 // Members carry the C names so that calls read like the C API.
 #define KINDLET_ZMQ_FUNCTIONS(X) \
   X(zmq_ctx_new) X(zmq_ctx_term) X(zmq_socket) X(zmq_close) X(zmq_setsockopt) \
-  X(zmq_bind) X(zmq_connect) X(zmq_send) X(zmq_poll) X(zmq_socket_monitor) X(zmq_errno) \
+  X(zmq_bind) X(zmq_connect) X(zmq_disconnect) X(zmq_send) X(zmq_poll) X(zmq_socket_monitor) X(zmq_errno) \
   X(zmq_strerror) X(zmq_msg_init) X(zmq_msg_close) X(zmq_msg_recv) X(zmq_msg_size) \
   X(zmq_msg_data) X(zmq_msg_more) X(zmq_getsockopt) X(zmq_msg_init_size) X(zmq_msg_send)
 

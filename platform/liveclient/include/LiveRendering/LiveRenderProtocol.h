@@ -30,10 +30,13 @@ enum MessageKind : uint8_t {
   kToRegion = 0x86,  // body: u32 length, then u64 stream start, then the doorbell's path
   kToSocket = 0x87,  // in the region's stream only; body: u32 length (0)
   kImagesWanted = 0x88,  // body: u32 length, then image names, one per line ("*": all)
+  kGivenUp = 0x8a,  // body: u32 length, then why the controller gave the session up (UTF-8)
 };
 
 // Size of the kind byte and the length of an update or a command.
 const size_t kHeaderSize = 5;
+// The largest message the controller can send: a length of 32 bits and its header.
+const int64_t kLargestControllerMessage = int64_t(kHeaderSize) + 0xffffffffll;
 
 // An update can travel as a small kSharedUpdate message naming its bytes
 // in a region of shared memory that the controller announced with kRegion.
@@ -91,6 +94,8 @@ std::string encodeToRegion(uint64_t start, const std::string& doorbellPath);
 std::string encodeToSocket();
 // Asks the client for the images of these names ("*": every image; none: stop).
 std::string encodeImagesWanted(const std::vector<std::string>& names);
+// Tells a client that the controller has given its session up (or refused it).
+std::string encodeGivenUp(const std::string& why);
 
 // The bytes of a mapped region, for decoding shared updates.
 struct RegionView {
@@ -103,7 +108,7 @@ struct RegionView {
 struct ControllerMessage {
   MessageKind kind = kRegistered;
   Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
-  // for kCommand, kRegion's and kToRegion's path, and kImagesWanted's names
+  // for kCommand, kRegion's and kToRegion's path, kImagesWanted's names, kGivenUp's reason
   const char* command = nullptr;
   size_t commandLength = 0;
   bool shared = false;        // for kUpdate: it came from the region;
