@@ -344,7 +344,8 @@ class Registry(object):
     def _handle(self, identity, message):
         if message[0] == REGISTER:
             try:
-                session = Session(identity, json.loads(message[1:].decode("utf-8")))
+                registration = json.loads(message[1:].decode("utf-8"))
+                session = Session(identity, registration)
             except ValueError as error:  # bad JSON and bad UTF-8 are ValueErrors too
                 sys.stderr.write("LiveRenderController: ignored a registration: %s\n"
                                  % (error if "registration" in str(error)
@@ -367,7 +368,7 @@ class Registry(object):
                     session.ring = ring
                 else:
                     ring.close()
-            session.sendsImages = registration.get("images") is True
+            session.sendsImages = isinstance(registration, dict) and registration.get("images") is True
             if session in self.sessions and session.sendsImages and self._images.wanted:
                 self._sendTo(session, LiveRenderImages.imagesWanted(self._images.wanted))
         elif message[0] == REGION_MAPPED:

@@ -217,7 +217,11 @@ void LiveRenderClient::receive() {
       } else if (event == ZMQ_EVENT_DISCONNECTED && connected) {
         // ZeroMQ connects again by itself after a lost connection but not
         // after one it ended for a message beyond the largest size: connect
-        // anew in either case.
+        // anew in either case. What came before the loss is handed on
+        // first: disconnecting drops what the socket holds unread.
+        if (region->streamOpen()) readStream(command);
+        while (zmq->zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) deliver(message, command);
+        if (region->streamOpen()) readStream(command);
         zmq->zmq_disconnect(socket, endpoint.c_str());
         zmq->zmq_connect(socket, endpoint.c_str());
         connected = false;
