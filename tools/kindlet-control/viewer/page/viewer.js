@@ -398,13 +398,20 @@ function lightPanel(light) {
   return div;
 }
 
-// Colours are shown as the picker's sRGB and sent as given (0 to 1).
+// The renderer's colours are linear; the picker shows and gives sRGB.
+function linearToSrgb(v) {
+  v = Math.max(0, Math.min(1, v));
+  return v <= 0.0031308 ? 12.92 * v : 1.055 * Math.pow(v, 1 / 2.4) - 0.055;
+}
+function srgbToLinear(v) {
+  return v <= 0.04045 ? v / 12.92 : Math.pow((v + 0.055) / 1.055, 2.4);
+}
 function toHex(color) {
-  return "#" + color.map((v) => Math.round(Math.max(0, Math.min(1, v)) * 255)
+  return "#" + color.map((v) => Math.round(linearToSrgb(v) * 255)
                                     .toString(16).padStart(2, "0")).join("");
 }
 function fromHex(hex) {
-  return [1, 3, 5].map((i) => parseInt(hex.substr(i, 2), 16) / 255);
+  return [1, 3, 5].map((i) => srgbToLinear(parseInt(hex.substr(i, 2), 16) / 255));
 }
 
 // ---- buttons -----------------------------------------------------------------------------
