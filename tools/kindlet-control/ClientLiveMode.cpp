@@ -253,8 +253,8 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
   };
   auto stopRenders = [&](const long* to) {
     const auto stop = std::make_shared<const std::string>(protocol::encodeCommand("stopLiveEditing"));
-    // A stop that lands just before kindlet's render loop goes to sleep
-    // wakes nobody; sending it again costs nothing.
+    // A stop that comes while kindlet starts its live render is overwritten
+    // when the live loop begins; sending it again costs nothing.
     for (int attempt = 0; attempt < 10; ++attempt) {
       if (registry.send(stop, to) == 0 || !renders.any()) break;
       if (serveUntil(poll, 2, [&] {

@@ -280,8 +280,8 @@ int runLiveMode(int argc, char** argv) {
       case Step::Stop: {
         std::string record;
         controlRecord("stopLiveEditing", record, error);
-        // A stop that lands just before kindlet's render loop goes to sleep
-        // wakes nobody; sending it again costs nothing.
+        // A stop that comes while kindlet starts its live render is overwritten
+        // when the live loop begins; sending it again costs nothing.
         for (int attempt = 0; attempt < 10; ++attempt) {
           if (!sendAll(control, record, "control", lineNumber)) break;
           if (!child.started() || child.waitFor(2)) break;
