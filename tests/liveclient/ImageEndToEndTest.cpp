@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <OpenImageIO/imageio.h>
+#include <OpenImageIO/imagecache.h>
 
 #include <thread>
 
@@ -17,11 +17,16 @@ namespace {
 
 // The pass and scene state written into an image file, or -1s.
 std::pair<int, int> passOf(const std::string& path) {
-  auto in = OIIO::ImageInput::open(path);
-  if (!in) return {-1, -1};
-  const OIIO::ImageSpec& spec = in->spec();
-  return {spec.get_int_attribute("kindlet:pass", -1),
-          spec.get_int_attribute("kindlet:sceneState", -1)};
+  // A cache of its own for each look: the file is replaced as passes come.
+  OIIO::ImageCache* cache = OIIO::ImageCache::create(false);
+  int pass = -1, state = -1;
+  const OIIO::ustring file(path);
+  if (!cache->get_image_info(file, 0, 0, OIIO::ustring("kindlet:pass"), OIIO::TypeInt, &pass) ||
+      !cache->get_image_info(file, 0, 0, OIIO::ustring("kindlet:sceneState"), OIIO::TypeInt,
+                             &state))
+    pass = state = -1;
+  OIIO::ImageCache::destroy(cache);
+  return {pass, state};
 }
 
 template <typename Done>

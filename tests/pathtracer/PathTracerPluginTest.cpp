@@ -148,9 +148,10 @@ TEST(PathTracerPlugin, OutputsAreChannelsOfTheExr) {
        "-renderer", "pathtracer", "-renderMethodName", "diskRender", "-outputImage",
        dir.file("layers.exr")});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
-  auto in = OIIO::ImageInput::open(dir.file("layers.exr"));
-  ASSERT_TRUE(in) << result.err;
-  std::vector<std::string> names = in->spec().channelnames;
+  OIIO::ImageBuf layers(dir.file("layers.exr"));
+  ASSERT_TRUE(layers.init_spec(layers.name(), 0, 0)) << result.err;
+  std::vector<std::string> names;
+  for (int i = 0; i < layers.nchannels(); ++i) names.push_back(layers.nativespec().channel_name(i));
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"B", "G", "R", "Z", "key.B", "key.G", "key.R"}));
 }

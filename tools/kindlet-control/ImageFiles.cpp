@@ -82,17 +82,17 @@ void ImageFiles::run() {
 bool ImageFiles::write(const std::string& path, const Waiting& waiting) {
   const ImageOpen& image = waiting.image;
   const std::string temporary = path + ".partial.exr";  // the extension names the format
-  OIIO::ImageSpec spec(image.width, image.height, int(image.channels.size()),
+  OIIO::ImageSpec layout(image.width, image.height, int(image.channels.size()),
                        image.half ? OIIO::TypeDesc::HALF : OIIO::TypeDesc::FLOAT);
-  spec.channelnames = image.channels;
-  spec.alpha_channel = -1;
+  layout.channelnames = image.channels;
+  layout.alpha_channel = -1;
   for (size_t i = 0; i < image.channels.size(); ++i)
-    if (image.channels[i] == "A") spec.alpha_channel = int(i);
-  spec.attribute("kindlet:pass", int(waiting.pass.pass));
-  spec.attribute("kindlet:samples", int(waiting.pass.samples));
-  spec.attribute("kindlet:sceneState", int(waiting.pass.sceneState));
+    if (image.channels[i] == "A") layout.alpha_channel = int(i);
+  layout.attribute("kindlet:pass", int(waiting.pass.pass));
+  layout.attribute("kindlet:samples", int(waiting.pass.samples));
+  layout.attribute("kindlet:sceneState", int(waiting.pass.sceneState));
   auto out = OIIO::ImageOutput::create(temporary);
-  bool ok = out && out->open(temporary, spec) && out->write_image(spec.format, waiting.pixels.data());
+  bool ok = out && out->open(temporary, layout) && out->write_image(layout.format, waiting.pixels.data());
   if (out && !(out->close() && ok)) ok = false;
   if (ok) {
     // What the rename publishes must be on the disk first.

@@ -42,8 +42,8 @@ bool Textures::check(const std::string& file, std::string& error, bool* eightBit
     return false;
   }
   if (eightBit) {
-    OIIO::ImageSpec spec;
-    *eightBit = ts->get_imagespec(name, 0, spec) && spec.format == OIIO::TypeDesc::UINT8;
+    OIIO::ImageSpec layout;
+    *eightBit = ts->get_imagespec(name, 0, layout) && layout.format == OIIO::TypeDesc::UINT8;
   }
   return true;
 }

@@ -65,14 +65,14 @@ std::string saveFrame(const std::string& frame, const std::string& directory, bo
     for (size_t i = 0; i < count; ++i)
       for (int c = 0; c < 3; ++c)
         bytes[3 * i + c] = srgb8(scale * halfAt(info.pixels, i * info.channels + source[c]));
-    OIIO::ImageSpec spec(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
-    ok = out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
+    OIIO::ImageSpec layout(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
+    ok = out->open(path, layout) && out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
   } else if (out) {
-    OIIO::ImageSpec spec(info.width, info.height, info.channels, OIIO::TypeDesc::HALF);
-    spec.channelnames = info.channelNames;
-    spec.attribute("kindlet:samples", int(info.samples));
-    spec.attribute("kindlet:sceneState", int(info.sceneState));
-    ok = out->open(path, spec) && out->write_image(OIIO::TypeDesc::HALF, info.pixels);
+    OIIO::ImageSpec layout(info.width, info.height, info.channels, OIIO::TypeDesc::HALF);
+    layout.channelnames = info.channelNames;
+    layout.attribute("kindlet:samples", int(info.samples));
+    layout.attribute("kindlet:sceneState", int(info.sceneState));
+    ok = out->open(path, layout) && out->write_image(OIIO::TypeDesc::HALF, info.pixels);
   }
   if (out && !(out->close() && ok)) ok = false;
   if (!ok) {
