@@ -33,11 +33,21 @@ std::string ImageReceiver::handle(const std::string& identity, const std::string
       return "";
     }
     Image image{open, nullptr};
+    const bool taken = !open.doorbell.empty();
     if (!open.region.empty() &&
-        !(image.mapping = ImageMapping::map(open.region, channel->source.pid,
-                                            open.slotBytes * protocol::kImageSlots, error))) {
+        !(image.mapping = ImageMapping::map(open.region, channel->source.pid, open.slotBytes,
+                                            taken, error))) {
       dropped(channel, error);
       return "";
+    }
+    if (taken && (!channel->doorbell || channel->doorbell->path() != open.doorbell)) {
+      std::unique_ptr<ImageDoorbell> doorbell =
+          ImageDoorbell::open(open.doorbell, channel->source.pid, error);
+      if (!doorbell) {
+        dropped(channel, error);
+        return "";
+      }
+      channel->doorbell = std::move(doorbell);
     }
     auto& images = channel->images;
     if (images.count(open.image)) consumer.closed(channel->source, images[open.image].open);
@@ -64,8 +74,10 @@ std::string ImageReceiver::handle(const std::string& identity, const std::string
                              std::to_string(image->second.mapping ? 0 : open.pixelBytes()));
         return "";
       }
-    } else if (!image->second.mapping) {
-      dropped(channel, "a pass of image " + open.name + " in a region it has not got");
+    } else if (!image->second.mapping || image->second.mapping->header()) {
+      dropped(channel, "a pass of image " + open.name + (image->second.mapping
+                                                              ? " whose passes the controller takes"
+                                                              : " in a region it has not got"));
       return "";
     } else {
       pixels = image->second.mapping->data() + pass.slot * open.slotBytes;
@@ -88,6 +100,47 @@ std::string ImageReceiver::handle(const std::string& identity, const std::string
   }
   dropped(channel, "a message of unknown kind " + std::to_string(kind));
   return "";
+}
+
+std::vector<int> ImageReceiver::doorbells() const {
+  std::vector<int> fds;
+  for (const auto& channel : channels)
+    if (channel.second.doorbell) fds.push_back(channel.second.doorbell->fd());
+  return fds;
+}
+
+bool ImageReceiver::takePasses() {
+  bool asleep = true;
+  for (auto& entry : channels) {
+    Channel& channel = entry.second;
+    if (!channel.doorbell) continue;
+    channel.doorbell->drain();
+    for (auto& item : channel.images) {
+      Image& image = item.second;
+      XoImageOut::RegionHeader* header = image.mapping ? image.mapping->header() : nullptr;
+      if (header == nullptr || image.broken) continue;
+      XoImageOut::RegionReader reader(header);
+      unsigned slot;
+      XoImageOut::RegionSlotTags tags;
+      const char* error;
+      if (reader.take(slot, tags, error)) {
+        ImagePass pass;
+        pass.image = item.first;
+        pass.slot = slot;
+        pass.pass = tags.pass;
+        pass.samples = tags.samples;
+        pass.sceneState = tags.sceneState;
+        consumer.pass(channel.source, image.open, pass,
+                      image.mapping->data() + slot * image.open.slotBytes);
+      } else if (error != nullptr) {
+        image.broken = true;
+        dropped(&channel, "the region of image " + image.open.name + " " + error);
+        continue;
+      }
+      if (!reader.sleep()) asleep = false;
+    }
+  }
+  return asleep;
 }
 
 void ImageReceiver::closeAll(Channel& channel) {

@@ -41,16 +41,27 @@ class ImageReceiver {
   std::string handle(const std::string& identity, const std::string& message);
   // The session of `pid` named `sessionName` has ended: its images go.
   void forget(long pid, const std::string& sessionName);
+
+  // Images whose passes the controller takes from their regions itself
+  // (a client on this machine): the doorbells to wait on between calls of
+  // takePasses.
+  std::vector<int> doorbells() const;
+  // Hands the newest pass of each such image to the consumer, if it has not
+  // had it, then asks to be woken at the next. False when a pass came
+  // meanwhile: call again before sleeping.
+  bool takePasses();
   ImageConsumer& imageConsumer() { return consumer; }
 
  private:
   struct Image {
     ImageOpen open;
     std::unique_ptr<ImageMapping> mapping;  // none: pixels come inline
+    bool broken = false;                    // its region's header lied once: no more passes
   };
   struct Channel {
     ImageSource source;
     std::map<uint32_t, Image> images;
+    std::unique_ptr<ImageDoorbell> doorbell;  // for images whose passes we take
   };
   void closeAll(Channel& channel);
   void dropped(const Channel* channel, const std::string& why) const;

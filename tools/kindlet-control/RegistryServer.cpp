@@ -122,15 +122,22 @@ void RegistryServer::poll(int milliseconds) {
   const bool regionWait = std::any_of(table.begin(), table.end(), [](const Session& session) {
     return !session.backlog.empty() && session.waitsForRegion;
   });
-  zmq_pollitem_t items[2] = {
-      {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0},
-      {nullptr, wakeFd, ZMQ_POLLIN, 0}};
-  zmq_pollitem_t& item = items[0];
-  const int wait = !backlogged() || allWaitForRoom ? milliseconds
+  // Passes taken from the clients' regions; a pass that came meanwhile
+  // means looking again at once.
+  const bool passesAsleep = !images || images->takePasses();
+  std::vector<zmq_pollitem_t> items = {
+      {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0}};
+  if (wakeFd >= 0) items.push_back({nullptr, wakeFd, ZMQ_POLLIN, 0});
+  if (images)
+    for (int doorbell : images->doorbells()) items.push_back({nullptr, doorbell, ZMQ_POLLIN, 0});
+  const int wait = !passesAsleep                   ? 0
+                   : !backlogged() || allWaitForRoom ? milliseconds
                    : regionWait                    ? 0
                    : milliseconds < 0              ? kBacklogRetryMs
                                                    : std::min(milliseconds, kBacklogRetryMs);
-  if (zmq_poll(items, wakeFd >= 0 ? 2 : 1, wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
+  const zmq_pollitem_t& item = items[0];
+  if (zmq_poll(items.data(), int(items.size()), wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
+    if (images) images->takePasses();
     if (regionWait && milliseconds != 0) std::this_thread::sleep_for(kRegionRetry);
     flush();
     return;
@@ -204,7 +211,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
     if (ring) table.back().ring = std::move(ring);
     if (images && registration.images)
       sendTo(table.size() - 1, std::make_shared<const std::string>(
-                                   protocol::encodeImagesWanted(images->imageConsumer().wanted())));
+                                   protocol::encodeImagesWanted(images->imageConsumer().wanted(), true)));
   } else if (kind == protocol::kRegionMapped) {
     for (Session& session : table)
       if (session.identity == identity && session.ring) session.ringMapped = true;

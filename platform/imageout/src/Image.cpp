@@ -11,13 +11,8 @@
 
 namespace XoImageOut {
 
-namespace {
-const size_t kSlotAlignment = 4096;
-const int kSlots = 3;
-}  // namespace
-
 Image::~Image() {
-  if (base != nullptr) munmap(base, kSlots * slotBytes);
+  if (base != nullptr) munmap(base, regionFileBytes(slotBytes));
   if (fd >= 0) ::close(fd);
 }
 
@@ -25,17 +20,17 @@ bool Image::want(std::string& error) {
   std::lock_guard<std::mutex> lock(mutex);
   if (base == nullptr) {
     const size_t bytes = description.pixelBytes();
-    const size_t size = (bytes + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
+    const size_t size = (bytes + kRegionHeaderBytes - 1) / kRegionHeaderBytes * kRegionHeaderBytes;
     // Sealed so that a reader's mapping can never be cut short under it.
     const int file = memfd_create("kindlet-image", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (file < 0 || ftruncate(file, static_cast<off_t>(kSlots * size)) != 0 ||
+    if (file < 0 || ftruncate(file, static_cast<off_t>(regionFileBytes(size))) != 0 ||
         fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
       error = std::string("cannot make the memory file of image ") + description.name + ": " +
               std::strerror(errno);
       if (file >= 0) ::close(file);
       return false;
     }
-    void* mapped = mmap(nullptr, kSlots * size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    void* mapped = mmap(nullptr, regionFileBytes(size), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (mapped == MAP_FAILED) {
       error = std::string("cannot map the memory file of image ") + description.name + ": " +
               std::strerror(errno);
@@ -45,6 +40,9 @@ bool Image::want(std::string& error) {
     fd = file;
     slotBytes = size;
     base = static_cast<unsigned char*>(mapped);
+    // The writers hold buffer 0, the exchange word buffer 1, the reader 2.
+    header()->exchange.store(1, std::memory_order_relaxed);
+    header()->readerSlot.store(2, std::memory_order_relaxed);
   }
   wanted.store(true, std::memory_order_release);
   return true;
@@ -54,11 +52,10 @@ void Image::prepareBack(bool wholeImage) {
   std::lock_guard<std::mutex> lock(mutex);
   if (backPrepared.load(std::memory_order_relaxed)) return;
   if (!wholeImage && lastPublished >= 0) {
-    std::memcpy(slot(back), slot(lastPublished), description.pixelBytes());
+    std::memcpy(slot(back), slot(unsigned(lastPublished)), description.pixelBytes());
     backTags = publishedTags;
   }
   if (!wholeImage && lastPublished < 0) std::memset(slot(back), 0, description.pixelBytes());
-  backWhole = wholeImage;
   backPrepared.store(true, std::memory_order_release);
 }
 
@@ -108,48 +105,36 @@ bool Image::write(int x, int y, int width, int height, const void* pixels, size_
   return true;
 }
 
-void Image::passDone() {
+bool Image::passDone() {
   std::lock_guard<std::mutex> lock(mutex);
-  if (!backPrepared.load(std::memory_order_relaxed) || !backTags.any()) return;  // nothing written
-  std::swap(back, ready);
-  readyFresh = true;
-  readyTags = publishedTags = backTags;
-  lastPublished = ready;
+  if (!backPrepared.load(std::memory_order_relaxed) || !backTags.any()) return false;  // nothing written
+  ++passes;
+  header()->slots[back] = RegionSlotTags{passes, backTags.samples, backTags.sceneState, 0};
+  const uint64_t old = header()->exchange.exchange(back | kExchangeFresh, std::memory_order_acq_rel);
+  lastPublished = int(back);
+  publishedTags = backTags;
+  // A reader in another process could have written anything: never a
+  // buffer outside the file, nor the one just handed over.
+  back = unsigned(old & kExchangeSlot) % kRegionSlots;
+  if (back == unsigned(lastPublished)) back = (back + 1) % kRegionSlots;
   backTags = PassTags();
   backPrepared.store(false, std::memory_order_release);
-  ++passes;
+  return (old & kExchangeReaderSleeps) != 0;
 }
 
 bool Image::take(TakenPass& pass) {
-  std::lock_guard<std::mutex> lock(mutex);
-  if (flying || !readyFresh) return false;
-  std::swap(ready, inFlight);
-  readyFresh = false;
-  flying = true;
-  pass.pass = passes;
-  pass.samples = readyTags.samples;
-  pass.sceneState = readyTags.sceneState;
-  pass.slot = unsigned(inFlight);
-  pass.pixels = slot(inFlight);
+  RegionReader reader(header());
+  unsigned index;
+  RegionSlotTags tags;
+  const char* error;
+  if (!reader.take(index, tags, error)) return false;
+  pass.pass = tags.pass;
+  pass.samples = tags.samples;
+  pass.sceneState = tags.sceneState;
+  pass.slot = index;
+  pass.pixels = slot(index);
   pass.bytes = description.pixelBytes();
   return true;
-}
-
-void Image::release() {
-  std::lock_guard<std::mutex> lock(mutex);
-  flying = false;
-}
-
-}  // namespace XoImageOut
-
-namespace XoImageOut {
-
-void Image::giveBack() {
-  std::lock_guard<std::mutex> lock(mutex);
-  flying = false;
-  if (readyFresh) return;
-  std::swap(ready, inFlight);
-  readyFresh = true;
 }
 
 }  // namespace XoImageOut

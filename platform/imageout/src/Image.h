@@ -7,6 +7,7 @@
 #include <string>
 
 #include "XoImageOut/ImageHost.h"
+#include "XoImageOut/ImageRegion.h"
 
 namespace XoImageOut {
 
@@ -27,18 +28,18 @@ class Image {
   Image(const Image&) = delete;
   Image& operator=(const Image&) = delete;
 
-  // Plug-in side.
+  // Plug-in side. passDone returns whether the reader sleeps and wants its
+  // doorbell rung.
   bool write(int x, int y, int width, int height, const void* pixels, size_t rowBytes,
              PixelType inputType, uint64_t samples, uint64_t sceneState, std::string& error);
-  void passDone();
+  bool passDone();
   void close() { closed.store(true, std::memory_order_release); }
 
   // Reader side (PublishedImage).
   bool want(std::string& error);
   void unwant() { wanted.store(false, std::memory_order_release); }
   bool take(TakenPass& pass);
-  void release();
-  void giveBack();
+  bool sleep() { return RegionReader(header()).sleep(); }
 
   const ImageDescription description;
   std::atomic<bool> closed{false};
@@ -47,21 +48,20 @@ class Image {
   size_t slotBytes = 0;
 
  private:
-  unsigned char* slot(int index) const { return base + size_t(index) * slotBytes; }
+  unsigned char* slot(unsigned index) const { return base + size_t(index) * slotBytes; }
+  RegionHeader* header() const {
+    return reinterpret_cast<RegionHeader*>(base + regionHeaderOffset(slotBytes));
+  }
   // Before the first write of a pass that covers less than the whole image,
-  // the buffer is brought up to the last published pass.
+  // the buffer is brought up to the last finished pass.
   void prepareBack(bool wholeImage);
 
-  std::mutex mutex;
+  std::mutex mutex;  // among the writers
   unsigned char* base = nullptr;
-  // Buffer indices by role; each role holds a different buffer.
-  int back = 0, ready = 1, inFlight = 2;
-  bool readyFresh = false;   // `ready` holds a pass not yet taken
-  bool flying = false;       // `inFlight` is taken and not released
-  int lastPublished = -1;    // buffer of the newest finished pass
+  unsigned back = 0;           // the writers' buffer
+  int lastPublished = -1;      // buffer of the newest finished pass
   std::atomic<bool> backPrepared{false};
-  PassTags backTags, readyTags, publishedTags;
-  bool backWhole = false;    // this pass wrote the whole image at once
+  PassTags backTags, publishedTags;
   uint64_t passes = 0;
 };
 

@@ -1,8 +1,10 @@
 // The C API for plug-ins and the host's view of the open images.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -53,6 +55,26 @@ std::mutex wakeMutex;
 int wakeFd = -1;
 std::atomic<uint64_t> updates{0};
 
+// The doorbell of the images' reader: a pipe it sleeps on, rung when a pass
+// is finished while it sleeps. Made once, kept for the process's life.
+struct Doorbell {
+  int ends[2] = {-1, -1};
+  Doorbell() {
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) ends[0] = ends[1] = -1;
+  }
+};
+
+const Doorbell& doorbell() {
+  static const Doorbell* shared = new Doorbell();
+  return *shared;
+}
+
+void ring() {
+  const char byte = 1;
+  // A full pipe has been rung already.
+  (void)!::write(doorbell().ends[1], &byte, 1);
+}
+
 void wake() {
   std::lock_guard<std::mutex> lock(wakeMutex);
   if (wakeFd < 0) return;
@@ -72,13 +94,18 @@ std::string describeOpen(const char* name) {
 
 const ImageDescription& PublishedImage::description() const { return image->description; }
 bool PublishedImage::open() const { return !image->closed.load(std::memory_order_acquire); }
-bool PublishedImage::want(std::string& error) { return image->want(error); }
+bool PublishedImage::want(std::string& error) {
+  if (doorbell().ends[0] < 0) {
+    error = "cannot make the doorbell of the images: " + std::string(std::strerror(errno));
+    return false;
+  }
+  return image->want(error);
+}
 void PublishedImage::unwant() { image->unwant(); }
 int PublishedImage::fd() const { return image->fd; }
 size_t PublishedImage::slotBytes() const { return image->slotBytes; }
 bool PublishedImage::take(TakenPass& pass) { return image->take(pass); }
-void PublishedImage::release() { image->release(); }
-void PublishedImage::giveBack() { image->giveBack(); }
+bool PublishedImage::sleep() { return image->sleep(); }
 
 std::vector<PublishedImage> openImages() {
   Table& t = table();
@@ -87,6 +114,8 @@ std::vector<PublishedImage> openImages() {
   for (const auto& image : t.images) open.emplace_back(image);
   return open;
 }
+
+int doorbellDescriptor() { return doorbell().ends[0]; }
 
 void setWakeDescriptor(int fd) {
   std::lock_guard<std::mutex> lock(wakeMutex);
@@ -175,8 +204,7 @@ int XoImageOutPassDone(XoImageOutImage* image) {
     return -1;
   }
   if (!image->image->wanted.load(std::memory_order_acquire)) return 0;
-  image->image->passDone();
-  wake();
+  if (image->image->passDone()) ring();
   return 0;
 }
 

@@ -104,6 +104,10 @@ std::string encodeImageOpen(const ImageOpen& open) {
     text(writer, open.region);
     writer.Key("slotBytes");
     writer.Uint64(open.slotBytes);
+    if (!open.doorbell.empty()) {
+      writer.Key("doorbell");
+      text(writer, open.doorbell);
+    }
   }
   writer.EndObject();
   return withJson(kImageOpen, buffer);
@@ -163,10 +167,12 @@ bool decodeImageOpen(const void* data, size_t size, ImageOpen& open, std::string
   const rapidjson::Value* type = member(document, "pixelType");
   const rapidjson::Value* region = member(document, "region");
   const rapidjson::Value* slotBytes = member(document, "slotBytes");
+  const rapidjson::Value* doorbell = member(document, "doorbell");
   if (!image || !image->IsUint() || !name || !name->IsString() || !width || !width->IsInt() ||
       !height || !height->IsInt() || !channels || !channels->IsArray() || !type ||
       !type->IsString() || (region && !region->IsString()) ||
-      (region && (!slotBytes || !slotBytes->IsUint64()))) {
+      (region && (!slotBytes || !slotBytes->IsUint64())) ||
+      (doorbell && (!region || !doorbell->IsString()))) {
     error = "image open lacks a member or has one of the wrong type";
     return false;
   }
@@ -203,7 +209,11 @@ bool decodeImageOpen(const void* data, size_t size, ImageOpen& open, std::string
   if (region) {
     open.region.assign(region->GetString(), region->GetStringLength());
     open.slotBytes = slotBytes->GetUint64();
-    if (open.slotBytes < open.pixelBytes()) {
+    // Pages of their own when the controller takes passes itself: the
+    // header after them is mapped apart, for writing.
+    if (doorbell) open.doorbell.assign(doorbell->GetString(), doorbell->GetStringLength());
+    if (open.slotBytes < open.pixelBytes() || open.slotBytes > kLargestSlotBytes ||
+        (doorbell && open.slotBytes % kImageHeaderBytes != 0)) {
       error = "image " + open.name + " has buffers of " + std::to_string(open.slotBytes) +
               " bytes for " + std::to_string(open.pixelBytes()) + " bytes of pixels";
       return false;

@@ -71,23 +71,29 @@ ImageSender::~ImageSender() {
   if (wakeFd >= 0) ::close(wakeFd);
 }
 
-void ImageSender::want(const std::vector<std::string>& wishes, bool local) {
+void ImageSender::want(const std::vector<std::string>& wishes, bool local, bool takes) {
   {
     std::lock_guard<std::mutex> lock(wishMutex);
     names = wishes;
     sameMachine = local;
+    controllerTakes = takes;
   }
   const uint64_t one = 1;
   (void)!::write(wakeFd, &one, sizeof one);
 }
 
 void ImageSender::run() {
-  zmq_pollitem_t items[4] = {{socket, 0, ZMQ_POLLIN, 0},
+  const int doorbell = XoImageOut::doorbellDescriptor();
+  zmq_pollitem_t items[5] = {{socket, 0, ZMQ_POLLIN, 0},
                              {monitor, 0, ZMQ_POLLIN, 0},
                              {stopReceiver, 0, ZMQ_POLLIN, 0},
-                             {nullptr, wakeFd, ZMQ_POLLIN, 0}};
+                             {nullptr, wakeFd, ZMQ_POLLIN, 0},
+                             {nullptr, doorbell, ZMQ_POLLIN, 0}};
   for (;;) {
-    if (zmq.zmq_poll(items, 4, -1) < 0) {
+    // The doorbell is ours only while passes go as messages: otherwise the
+    // controller sleeps on it.
+    const bool onDoorbell = doorbell >= 0 && connected && passesByMessage;
+    if (zmq.zmq_poll(items, onDoorbell ? 5 : 4, -1) < 0) {
       if (zmq.zmq_errno() == EINTR) continue;
       break;
     }
@@ -95,6 +101,10 @@ void ImageSender::run() {
     uint64_t count;
     while (::read(wakeFd, &count, sizeof count) > 0) {
     }
+    char bytes[64];
+    if (onDoorbell)
+      while (::read(doorbell, bytes, sizeof bytes) > 0) {
+      }
     connectionEvents();
     received();
     if (connected) sync();
@@ -114,6 +124,10 @@ void ImageSender::connectionEvents() {
     if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
       // A controller (maybe a new one) knows nothing of our images yet.
       forgetAll();
+      {
+        std::lock_guard<std::mutex> lock(wishMutex);
+        passesByMessage = !(sameMachine && controllerTakes);
+      }
       connected = send(helloMessage);
     } else if (event == ZMQ_EVENT_DISCONNECTED) {
       // Also after a message beyond the largest size, which ZeroMQ does
@@ -143,10 +157,8 @@ void ImageSender::received() {
     } else {
       auto found = announced.find(image);
       // A pass that is not on its way is an old controller's answer: ignored.
-      if (found != announced.end() && found->second.flying == pass && pass != 0) {
-        found->second.image.release();
+      if (found != announced.end() && found->second.flying == pass && pass != 0)
         found->second.flying = 0;
-      }
     }
   }
   zmq.zmq_msg_close(&message);
@@ -172,7 +184,6 @@ void ImageSender::sync() {
       continue;
     }
     if (image.open()) image.unwant();
-    if (it->second.flying != 0) image.release();
     send(encodeImageClose(it->first));
     it = announced.erase(it);
   }
@@ -192,36 +203,52 @@ void ImageSender::sync() {
     message.channels = description.channels;
     message.half = description.pixelType == XoImageOut::kHalf;
     if (local) {
-      message.region = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(image.fd());
+      const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd/";
+      message.region = fds + std::to_string(image.fd());
       message.slotBytes = image.slotBytes();
+      if (!passesByMessage)
+        message.doorbell = fds + std::to_string(XoImageOut::doorbellDescriptor());
     }
     if (!send(encodeImageOpen(message))) return;
     announced.emplace(description.id, Announced{image, 0});
   }
-  for (auto& entry : announced) {
-    Announced& one = entry.second;
-    XoImageOut::TakenPass taken;
-    if (one.flying != 0 || !one.image.take(taken)) continue;
-    ImagePass pass;
-    pass.image = entry.first;
-    pass.slot = local ? taken.slot : kInlinePixels;
-    pass.pass = taken.pass;
-    pass.samples = taken.samples;
-    pass.sceneState = taken.sceneState;
-    const std::string header = encodeImagePassHeader(pass);
-    zmq_msg_t message;
-    const size_t size = header.size() + (local ? 0 : taken.bytes);
-    zmq.zmq_msg_init_size(&message, size);
-    auto* bytes = static_cast<char*>(zmq.zmq_msg_data(&message));
-    std::memcpy(bytes, header.data(), header.size());
-    if (!local) std::memcpy(bytes + header.size(), taken.pixels, taken.bytes);
-    if (zmq.zmq_msg_send(&message, socket, ZMQ_DONTWAIT) < 0) {
-      zmq.zmq_msg_close(&message);
-      one.image.giveBack();  // goes when the connection takes it, unless a newer one does
+  if (!passesByMessage) return;
+  for (auto& entry : announced) sendPass(entry.first, entry.second, local);
+}
+
+void ImageSender::sendPass(uint32_t id, Announced& one, bool local) {
+  if (one.flying != 0) return;  // its kImageDone brings us back
+  for (;;) {
+    if (one.image.take(one.taken)) {
+      one.unsent = true;
+    } else if (!one.unsent) {
+      // Nothing new: sleep on the doorbell, unless a pass came meanwhile.
+      if (one.image.sleep()) return;
       continue;
     }
-    one.flying = taken.pass;
+    break;
   }
+  const XoImageOut::TakenPass& taken = one.taken;
+  ImagePass pass;
+  pass.image = id;
+  pass.slot = local ? taken.slot : kInlinePixels;
+  pass.pass = taken.pass;
+  pass.samples = taken.samples;
+  pass.sceneState = taken.sceneState;
+  const std::string header = encodeImagePassHeader(pass);
+  zmq_msg_t message;
+  const size_t size = header.size() + (local ? 0 : taken.bytes);
+  zmq.zmq_msg_init_size(&message, size);
+  auto* bytes = static_cast<char*>(zmq.zmq_msg_data(&message));
+  std::memcpy(bytes, header.data(), header.size());
+  if (!local) std::memcpy(bytes + header.size(), taken.pixels, taken.bytes);
+  if (zmq.zmq_msg_send(&message, socket, ZMQ_DONTWAIT) < 0) {
+    // Sent again when the connection takes it, unless a newer one is.
+    zmq.zmq_msg_close(&message);
+    return;
+  }
+  one.unsent = false;
+  one.flying = taken.pass;
 }
 
 bool ImageSender::send(const std::string& message) {
@@ -229,10 +256,8 @@ bool ImageSender::send(const std::string& message) {
 }
 
 void ImageSender::forgetAll() {
-  for (auto& entry : announced) {
-    if (entry.second.flying != 0) entry.second.image.release();
+  for (auto& entry : announced)
     if (entry.second.image.open()) entry.second.image.unwant();
-  }
   announced.clear();
 }
 

@@ -298,7 +298,8 @@ void LiveRenderClient::readStream(std::string& command) {
       region->consumed(record.next);
       region->closeStream();
     } else {
-      if (decoded.kind == kCommand || decoded.kind == kImagesWanted || decoded.kind == kGivenUp)
+      if (decoded.kind == kCommand || decoded.kind == kImagesWanted ||
+        decoded.kind == kImagesWantedTaken || decoded.kind == kGivenUp)
         command.assign(decoded.command, decoded.commandLength);
       // The parsed update and the command own their bytes: the record may go.
       region->consumed(record.next);
@@ -341,7 +342,8 @@ void LiveRenderClient::deliver(zmq_msg_t& message, std::string& command) {
     dropped(error);
     return;
   }
-  if (decoded.kind == kCommand || decoded.kind == kImagesWanted || decoded.kind == kGivenUp)
+  if (decoded.kind == kCommand || decoded.kind == kImagesWanted ||
+        decoded.kind == kImagesWantedTaken || decoded.kind == kGivenUp)
     command.assign(decoded.command, decoded.commandLength);
   handOn(decoded, command);
 }
@@ -352,7 +354,8 @@ void LiveRenderClient::handOn(const ControllerMessage& decoded, const std::strin
       XoImageOut::countUpdate();
       onUpdate(decoded.update);
       break;
-    case kImagesWanted: {
+    case kImagesWanted:
+    case kImagesWantedTaken: {
       std::vector<std::string> names;
       for (size_t at = 0; at < command.size();) {
         size_t end = command.find('\n', at);
@@ -362,7 +365,8 @@ void LiveRenderClient::handOn(const ControllerMessage& decoded, const std::strin
       }
       if (!images && names.empty()) break;
       if (!images) images.reset(new ImageSender(*zmq, context, endpoint, hello));
-      images->want(names, region->view().data != nullptr);
+      const bool sameMachine = region->view().data != nullptr;
+      images->want(names, sameMachine, sameMachine && decoded.kind == kImagesWantedTaken);
       break;
     }
     case kCommand:

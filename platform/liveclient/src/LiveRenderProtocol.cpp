@@ -158,10 +158,10 @@ std::string encodeToRegion(uint64_t start, const std::string& doorbellPath) {
 
 std::string encodeToSocket() { return withLength(kToSocket, std::string()); }
 
-std::string encodeImagesWanted(const std::vector<std::string>& names) {
+std::string encodeImagesWanted(const std::vector<std::string>& names, bool takesFromRegions) {
   std::string body;
   for (const std::string& name : names) body += (body.empty() ? "" : "\n") + name;
-  return withLength(kImagesWanted, body);
+  return withLength(takesFromRegions ? kImagesWantedTaken : kImagesWanted, body);
 }
 
 std::string encodeGivenUp(const std::string& why) { return withLength(kGivenUp, why); }
@@ -187,8 +187,8 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
   }
   static const char* const names[] = {"update",    "command",   "region",      "shared update",
                                       "to-region", "to-socket", "images-wanted", nullptr,
-                                      "given-up"};
-  if (kind < kUpdate || kind > kGivenUp || names[kind - kUpdate] == nullptr) {
+                                      "given-up",  "images-wanted"};
+  if (kind < kUpdate || kind > kImagesWantedTaken || names[kind - kUpdate] == nullptr) {
     char text[48];
     snprintf(text, sizeof text, "unknown message kind 0x%02x", kind);
     error = text;
@@ -211,6 +211,7 @@ bool decodeControllerMessage(const void* data, size_t size, const std::string& s
     case kCommand:
     case kRegion:
     case kImagesWanted:
+    case kImagesWantedTaken:
     case kGivenUp:
       message.kind = static_cast<MessageKind>(kind);
       message.command = reinterpret_cast<const char*>(body);

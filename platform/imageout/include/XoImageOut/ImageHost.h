@@ -1,9 +1,11 @@
 // The host's side of the image service: what the live session uses to send
 // the plug-in's images on. Each image keeps three buffers in a memory file
-// that the controlling side on this machine may map: the plug-in writes one,
-// one holds the newest finished pass, and one is on its way (taken, until
-// released). A newer pass replaces a finished one that has not been taken, so
-// a slow reader gets the newest picture and never makes the plug-in wait.
+// (ImageRegion.h) that the controlling side on this machine may map: the
+// plug-in writes one, one holds the newest finished pass, and the reader
+// holds the one it took last. A newer pass replaces a finished one that has
+// not been taken, so a slow reader gets the newest picture and never makes
+// the plug-in wait. There is one reader at a time: the live session, or the
+// controller it hands the memory files to.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +32,7 @@ struct ImageDescription {
   }
 };
 
-// A finished pass, taken: valid until release().
+// A finished pass, taken: its buffer is the reader's until its next take.
 struct TakenPass {
   uint64_t pass = 0;  // numbered from 1 per image
   uint64_t samples = 0;
@@ -56,13 +58,11 @@ class PublishedImage {
   // starts at i * slotBytes); -1 before want().
   int fd() const;
   size_t slotBytes() const;
-  // Takes the newest finished pass not yet taken, when none is on its way.
+  // Takes the newest finished pass not yet taken.
   bool take(TakenPass& pass);
-  // The pass taken is done with; its buffer may be written again.
-  void release();
-  // The pass taken could not be sent: it is the newest finished pass again,
-  // unless a newer one has come.
-  void giveBack();
+  // Asks for the doorbell at the next finished pass; false when one is
+  // waiting to be taken already.
+  bool sleep();
 
  private:
   std::shared_ptr<Image> image;
@@ -71,10 +71,14 @@ class PublishedImage {
 // The images open now, oldest first.
 std::vector<PublishedImage> openImages();
 
-// The one reader of the service (the live session) is woken through the
-// eventfd `fd` after every open, finished pass and close; -1 detaches.
-// Detaching waits for a wake-up in progress.
+// The live session is woken through the eventfd `fd` after every open and
+// close; -1 detaches. Detaching waits for a wake-up in progress.
 void setWakeDescriptor(int fd);
+
+// The read end of the pipe that the reader of the images sleeps on: a byte
+// comes when a pass is finished while the reader sleeps (ImageRegion.h,
+// RegionReader::sleep). The same for every image; -1 if it could not be made.
+int doorbellDescriptor();
 
 // Counted by the live session before it hands an update to the plug-in.
 void countUpdate();

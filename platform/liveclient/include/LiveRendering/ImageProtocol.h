@@ -27,10 +27,18 @@ enum ImageMessageKind : uint8_t {
   kImageDone = 0x89,   // body: u32 image, u64 pass
 };
 
+// kImagesWantedTaken (0x8b, LiveRenderProtocol.h) asks for images as
+// kImagesWanted does, from a controller that, on this machine, takes the
+// passes from each image's region itself (XoImageOut/ImageRegion.h), woken
+// by the doorbell its kImageOpen names: no kImagePass or kImageDone then.
+//
 // A pass's pixels either lie in buffer `slot` of the image's memory file or,
 // with this slot, follow the header in the message.
 const uint32_t kInlinePixels = 0xffffffffu;
 const unsigned kImageSlots = 3;
+// The header page after the buffers (XoImageOut/ImageRegion.h).
+const uint64_t kImageHeaderBytes = 4096;
+const uint64_t kLargestSlotBytes = uint64_t(1) << 40;
 // kind, u32 image, u32 slot, u64 pass, u64 samples, u64 scene state
 const size_t kImagePassHeaderSize = 33;
 const size_t kImageDoneSize = 13;
@@ -52,7 +60,10 @@ struct ImageOpen {
   std::vector<std::string> channels;
   bool half = true;        // else 32-bit float
   std::string region;      // path of the memory file; empty: pixels come inline
-  uint64_t slotBytes = 0;  // buffer i starts at i * slotBytes
+  uint64_t slotBytes = 0;  // buffer i starts at i * slotBytes, the header after the last
+  // The pipe the controller sleeps on when it takes passes from the region
+  // itself (it asked with kImagesWantedTaken); empty: passes come as messages.
+  std::string doorbell;
   uint64_t pixelBytes() const {
     return uint64_t(width) * uint64_t(height) * channels.size() * (half ? 2 : 4);
   }

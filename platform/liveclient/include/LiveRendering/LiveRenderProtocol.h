@@ -31,6 +31,9 @@ enum MessageKind : uint8_t {
   kToSocket = 0x87,  // in the region's stream only; body: u32 length (0)
   kImagesWanted = 0x88,  // body: u32 length, then image names, one per line ("*": all)
   kGivenUp = 0x8a,  // body: u32 length, then why the controller gave the session up (UTF-8)
+  // As kImagesWanted, from a controller that takes passes from the images'
+  // regions itself when it runs on the client's machine (ImageProtocol.h).
+  kImagesWantedTaken = 0x8b,
 };
 
 // Size of the kind byte and the length of an update or a command.
@@ -93,7 +96,8 @@ void encodeSharedUpdate(uint64_t offset, uint64_t size, uint64_t releaseMark, ch
 std::string encodeToRegion(uint64_t start, const std::string& doorbellPath);
 std::string encodeToSocket();
 // Asks the client for the images of these names ("*": every image; none: stop).
-std::string encodeImagesWanted(const std::vector<std::string>& names);
+// `takesFromRegions`: kImagesWantedTaken.
+std::string encodeImagesWanted(const std::vector<std::string>& names, bool takesFromRegions = false);
 // Tells a client that the controller has given its session up (or refused it).
 std::string encodeGivenUp(const std::string& why);
 
@@ -108,7 +112,7 @@ struct RegionView {
 struct ControllerMessage {
   MessageKind kind = kRegistered;
   Arbolite3::internal::XoAttribute::GroupAttribute update;  // for kUpdate
-  // for kCommand, kRegion's and kToRegion's path, kImagesWanted's names, kGivenUp's reason
+  // for kCommand, kRegion's and kToRegion's path, the images wanted's names, kGivenUp's reason
   const char* command = nullptr;
   size_t commandLength = 0;
   bool shared = false;        // for kUpdate: it came from the region;
