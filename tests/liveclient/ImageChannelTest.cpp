@@ -1,7 +1,10 @@
 // Images from a renderer plug-in (the image service's C API, called here as a
 // plug-in would) through a live-render client to kindlet-control's registry,
 // on both paths: in the client's memory file and in the message.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <zmq.h>
 
 #include <chrono>
@@ -13,6 +16,7 @@
 #include "LiveRendering/LiveRenderClient.h"
 #include "LiveRendering/LiveRenderProtocol.h"
 #include "RegistryServer.h"
+#include "XoImageOut/ImageRegion.h"
 #include "XoImageOut/XoImageOutC.h"
 
 namespace live = Morrigo::Selvane::LiveRendering;
@@ -239,6 +243,67 @@ TEST(ImageChannelWithoutAnswers, NeitherTheRendererNorTheCommandsWait) {
   XoImageOutClose(image);
   zmq_close(router);
   zmq_ctx_term(context);
+}
+
+// A controller that takes passes from the memory file, against a region
+// laid out by hand as the protocol page describes it.
+TEST(ImageRegionByHand, PassesAreTakenAsTheHeaderSaysAndALyingHeaderStopsTheImage) {
+  const size_t slotBytes = 4096;
+  const int file = memfd_create("by-hand", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  ASSERT_EQ(ftruncate(file, off_t(XoImageOut::regionFileBytes(slotBytes))), 0);
+  ASSERT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK), 0);
+  auto* base = static_cast<unsigned char*>(mmap(nullptr, XoImageOut::regionFileBytes(slotBytes),
+                                                PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  auto* header = reinterpret_cast<XoImageOut::RegionHeader*>(base + 3 * slotBytes);
+  int bell[2];
+  ASSERT_EQ(pipe2(bell, O_NONBLOCK | O_CLOEXEC), 0);
+  const std::string fds = "/proc/" + std::to_string(getpid()) + "/fd/";
+  Recorder recorder;
+  KindletControl::ImageReceiver receiver(recorder);
+  ImageSource source{"LiveRenderSession_1", 1, getpid()};
+  ImageOpen open;
+  open.image = 9;
+  open.name = "hand";
+  open.width = open.height = 32;
+  open.channels = {"Y"};
+  open.region = fds + std::to_string(file);
+  open.slotBytes = slotBytes;
+  open.doorbell = fds + std::to_string(bell[0]);
+  receiver.handle("c", live::encodeImageHello(source));
+  receiver.handle("c", live::encodeImageOpen(open));
+  ASSERT_EQ(receiver.doorbells().size(), 1u);
+
+  // The writer holds 0, the word 1, the reader 2; the writer hands over 0.
+  header->readerSlot = 2;
+  std::memset(base, 0x5a, slotBytes);
+  header->slots[0] = {4, 16, 3, 0};
+  header->exchange = 0 | XoImageOut::kExchangeFresh;
+  EXPECT_TRUE(receiver.takePasses());  // took it, then sleeps
+  std::vector<Received> got = recorder.all();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].pass, 4u);
+  EXPECT_EQ(got[0].samples, 16u);
+  EXPECT_EQ(got[0].sceneState, 3u);
+  EXPECT_EQ(got[0].pixels, std::vector<unsigned char>(open.pixelBytes(), 0x5a));
+  EXPECT_EQ(header->readerSlot, 0u);
+  EXPECT_EQ(header->exchange, 2u | XoImageOut::kExchangeReaderSleeps);
+
+  // A header that hands over a buffer beyond the three: one line, no more passes.
+  header->exchange = 3 | XoImageOut::kExchangeFresh;
+  testing::internal::CaptureStderr();
+  receiver.takePasses();
+  header->exchange = 1 | XoImageOut::kExchangeFresh;
+  receiver.takePasses();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "kindlet-control: dropped an image message of session LiveRenderSession_1 pid " +
+                std::to_string(getpid()) +
+                ": the region of image hand hands over a buffer that does not exist or is the "
+                "reader's\n");
+  EXPECT_EQ(recorder.all().size(), 1u);
+  munmap(base, XoImageOut::regionFileBytes(slotBytes));
+  close(file);
+  close(bell[0]);
+  close(bell[1]);
 }
 
 }  // namespace
