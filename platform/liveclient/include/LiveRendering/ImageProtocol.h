@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "XoImageOut/ImageRegion.h"
+
 namespace Morrigo {
 namespace Selvane {
 namespace LiveRendering {
@@ -35,9 +37,9 @@ enum ImageMessageKind : uint8_t {
 // A pass's pixels either lie in buffer `slot` of the image's memory file or,
 // with this slot, follow the header in the message.
 const uint32_t kInlinePixels = 0xffffffffu;
-const unsigned kImageSlots = 3;
-// The header page after the buffers (XoImageOut/ImageRegion.h).
-const uint64_t kImageHeaderBytes = 4096;
+const unsigned kImageSlots = XoImageOut::kRegionSlots;
+// The header page after the buffers.
+const uint64_t kImageHeaderBytes = XoImageOut::kRegionHeaderBytes;
 const uint64_t kLargestSlotBytes = uint64_t(1) << 40;
 // kind, u32 image, u32 slot, u64 pass, u64 samples, u64 scene state
 const size_t kImagePassHeaderSize = 33;
