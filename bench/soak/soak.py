@@ -106,15 +106,19 @@ class Log:
             return self.scene_state
 
 
-def rss_kib(pid):
+def memory_kib(pid):
+    """VmRSS and, of it, the anonymous pages (RssAnon): heap and the like,
+    where a leak shows without the noise of shared libraries paged in."""
+    values = {}
     try:
         with open(f"/proc/{pid}/status") as status:
             for line in status:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
+                key = line.split(":")[0]
+                if key in ("VmRSS", "RssAnon"):
+                    values[key] = int(line.split()[1])
     except OSError:
         pass
-    return None
+    return values.get("VmRSS"), values.get("RssAnon")
 
 
 def exr_int_attribute(path, name):
@@ -178,14 +182,20 @@ kindlet = int(next(l.split()[2] for l in stdout if l.startswith("kindlet pid "))
 print(f"kindlet-control pid {process.pid}, kindlet pid {kindlet}; {total} updates at "
       f"{args.rate:g}/s; work folder {work}", flush=True)
 
-samples = []  # (seconds since the first update, kindlet KiB, kindlet-control KiB)
+# seconds since the first update; VmRSS of kindlet and kindlet-control; their RssAnon (KiB)
+samples = []
 sending = threading.Event()
 start = time.monotonic()
 
 
+def snapshot():
+    (k, k_anon), (c, c_anon) = memory_kib(kindlet), memory_kib(process.pid)
+    return time.monotonic() - start, k, c, k_anon, c_anon
+
+
 def sample():
     while not sending.is_set():
-        samples.append((time.monotonic() - start, rss_kib(kindlet), rss_kib(process.pid)))
+        samples.append(snapshot())
         time.sleep(1.0)
 
 
@@ -208,7 +218,7 @@ for number in range(1, total + 1):
 sent_seconds = time.monotonic() - start
 sending.set()
 sampler.join()
-samples.append((time.monotonic() - start, rss_kib(kindlet), rss_kib(process.pid)))
+samples.append(snapshot())
 
 deadline = time.monotonic() + 60
 while log.state() != total and time.monotonic() < deadline:
@@ -222,31 +232,32 @@ except subprocess.TimeoutExpired:
     status = process.wait()
 log.thread.join(10)
 
-with open(work + "/rss.tsv", "w") as f:
-    f.write("seconds\tkindlet_kib\tkindlet_control_kib\n")
+with open(work + "/memory.tsv", "w") as f:
+    f.write("seconds\tkindlet_rss_kib\tcontrol_rss_kib\tkindlet_anon_kib\tcontrol_anon_kib\n")
     for s in samples:
-        f.write("%.1f\t%s\t%s\n" % s)
+        f.write("%.1f\t%s\t%s\t%s\t%s\n" % s)
 
 failures = []
 settled = next((s for s in samples if s[0] >= args.settle), samples[0])
 end = samples[-1]
 print(f"\nupdates: {total} sent in {sent_seconds:.1f} s ({total / sent_seconds:.1f}/s, at most "
       f"{late * 1000:.0f} ms late), {log.applied} reached the renderer in order")
-for column, name in ((1, "kindlet"), (2, "kindlet-control")):
+for column, name, what in ((1, "kindlet", "VmRSS"), (3, "kindlet", "RssAnon"),
+                           (2, "kindlet-control", "VmRSS"), (4, "kindlet-control", "RssAnon")):
     first, last = settled[column], end[column]
-    peak = max(s[column] for s in samples if s[0] >= settled[0] and s[column] is not None)
     if first is None or last is None:
-        failures.append(f"no memory figure for {name}")
+        failures.append(f"no {what} of {name}")
         continue
+    peak = max(s[column] for s in samples if s[0] >= settled[0] and s[column] is not None)
     growth = 100.0 * (last - first) / first
-    print(f"RSS {name}: {samples[0][column]} KiB at the start, {first} KiB at {settled[0]:.0f} s, "
-          f"{last} KiB at the end ({end[0]:.0f} s), peak after settling {peak} KiB, growth {growth:+.2f}%")
-    if growth >= 5.0:
-        failures.append(f"{name}'s memory grew by {growth:.2f}%")
+    print(f"{what} {name}: {samples[0][column]} KiB at the start, {first} KiB at {settled[0]:.0f} s, "
+          f"{last} KiB at the end ({end[0]:.0f} s), peak after that {peak} KiB, growth {growth:+.2f}%")
+    if what == "VmRSS" and growth >= 5.0:
+        failures.append(f"{name}'s resident memory grew by {growth:.2f}%")
 image = work + "/images/0.beauty.exr"
 file_state = exr_int_attribute(image, "kindlet:sceneState") if os.path.exists(image) else None
-print(f"image passes: {log.passes}, {log.passes_while_sending} of them while updates came; scene state of the last pass {log.scene_state}, "
-      f"of {os.path.basename(image)} {file_state}")
+print(f"image passes: {log.passes}, {log.passes_while_sending} of them while updates came; "
+      f"scene state of the last pass {log.scene_state}, of {os.path.basename(image)} {file_state}")
 print(f"error lines: {len(log.errors)}; warning lines: {log.warnings}; exit status {status}")
 for line in log.errors[:10]:
     print("  " + line)
