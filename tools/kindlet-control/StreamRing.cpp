@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,6 +15,8 @@ namespace KindletControl {
 namespace protocol = Morrigo::Selvane::LiveRendering;
 
 namespace {
+const uint64_t kReturnChunk = uint64_t(1) << 20;
+
 void writeRecordHeader(unsigned char* at, uint32_t size) {
   for (int i = 0; i < 8; ++i) at[i] = static_cast<unsigned char>(i < 4 ? size >> (8 * i) : 0);
 }
@@ -65,6 +68,32 @@ bool StreamRing::full(uint64_t size) {
   return written + size - released > area;
 }
 
+void StreamRing::returnReleasedPages() {
+  if (written - returned < kReturnChunk) return;
+  released = __atomic_load_n(word(protocol::kReleaseMarkOffset), __ATOMIC_ACQUIRE);
+  // A mark that is behind or ahead of what it can be comes from a broken
+  // client: it gives nothing back.
+  if (released > written || released < returned || released - returned < kReturnChunk) return;
+  static const uint64_t page = uint64_t(sysconf(_SC_PAGESIZE));
+  uint64_t end = 0;  // offset in the region where the last stretch ends
+  for (uint64_t from = std::max(returned, released - std::min(released, uint64_t(area)));
+       from < released;) {
+    const uint64_t at = from % area;
+    const uint64_t length = std::min(released - from, area - at);
+    // Only whole pages: a part of one may hold what is not released, and the
+    // header's page is never touched (the area starts after the header).
+    const uint64_t first = (protocol::kRegionHeaderSize + at + page - 1) / page * page;
+    end = protocol::kRegionHeaderSize + at + length;
+    const uint64_t last = end / page * page;
+    // A failure only leaves the pages in place.
+    if (last > first)
+      fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(first), off_t(last - first));
+    from += length;
+  }
+  // The page that holds the mark goes back with the next chunk.
+  returned = released - end % page;
+}
+
 uint64_t StreamRing::streamStart() {
   __atomic_store_n(word(protocol::kPublishedOffset), written, __ATOMIC_RELEASE);
   return written;
@@ -73,6 +102,8 @@ uint64_t StreamRing::streamStart() {
 bool StreamRing::canHoldRecord(size_t size) const { return protocol::recordSpan(size) <= area / 2; }
 
 bool StreamRing::append(const char* message, size_t size) {
+  // Before writing: what is written next may lie on pages given back now.
+  returnReleasedPages();
   const uint64_t at = written % area;
   const uint64_t span = protocol::recordSpan(size);
   // A record never wraps: a wrap record sends the client to the beginning.

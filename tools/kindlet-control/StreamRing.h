@@ -2,7 +2,9 @@
 // into, so that its messages cross to the client without a socket; the
 // client is woken with a byte down a pipe only when it sleeps. Used as a
 // ring: space comes back as the client releases what it has read (the
-// release mark in the region's header).
+// release mark in the region's header), and so do the pages behind the mark,
+// a few at a time, so a long session keeps resident only about what its
+// client has not read yet, not every page its stream has passed through.
 #pragma once
 
 #include <cstddef>
@@ -41,6 +43,10 @@ class StreamRing {
   // Whether `size` more bytes from `written` on would overwrite what the
   // client has not released.
   bool full(uint64_t size);
+  // Gives the whole pages between `returned` and the release mark back to
+  // the system, once they make up a chunk: the client reads none of them
+  // again, and the next write there gets fresh zeroed pages.
+  void returnReleasedPages();
 
   int fd;
   int doorbell[2];       // the pipe: the client reads it, the registry writes one byte
@@ -48,6 +54,7 @@ class StreamRing {
   unsigned char* base;
   size_t area;           // bytes after the header
   uint64_t written = 0;  // ring positions used so far, skips at the end included (a multiple of 8)
+  uint64_t returned = 0;  // the pages before this position are given back
   std::string path_;
   std::string doorbellPath_;
 };
