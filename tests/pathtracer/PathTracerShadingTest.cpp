@@ -281,13 +281,18 @@ TEST(Shading, TexturesAtTexelCentresAndOnMeshes) {
   auto out = OIIO::ImageOutput::create(file);
   ASSERT_TRUE(out && out->open(file, OIIO::ImageSpec(4, 2, 3, OIIO::TypeDesc::FLOAT)) &&
               out->write_image(OIIO::TypeDesc::FLOAT, texels.data()) && out->close());
+  std::string error;
+  const std::shared_ptr<const Texture> texture = Textures::shared().open(file, true, error);
+  ASSERT_TRUE(texture && texture->copied()) << error;
   float value[3];
   for (int y = 0; y < 2; ++y)
     for (int x = 0; x < 4; ++x) {
-      ASSERT_TRUE(Textures::shared().lookup(Textures::handle(file), (x + 0.5f) / 4, (y + 0.5f) / 2,
-                                            0, 3, value));
+      ASSERT_TRUE(texture->lookup((x + 0.5f) / 4, (y + 0.5f) / 2, 0, 3, value));
       for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(value[c], texels[3 * (y * 4 + x) + c]);
     }
+  // A footprint as wide as the texture reads its mean (the coarsest level).
+  ASSERT_TRUE(texture->lookup(0.3f, 0.6f, 1, 3, value));
+  EXPECT_FLOAT_EQ(value[0], 1.3125f);  // (0 + 3 + ... + 21) / 8 / 8
   // A 4 x 2 floor with u from 0 to 1 along x and v from 0 to 1 along -z,
   // seen from above with +x right and -z up, one pixel a unit.
   Renderer renderer(quiet(1));

@@ -118,19 +118,14 @@ Material withTextures(const Material& plain, const MeshShading& shading, const H
   const Vec3 dpdu = (e1 * dv2 - e2 * dv1) * r, dpdv = (e2 * du1 - e1 * du2) * r;
   const float scale = std::max(length(dpdu), length(dpdv));
   const float width = scale > 0 ? footprint / scale : 0;
-  const Textures& textures = Textures::shared();
   float value[3];
-  if (m.baseColorTexture && textures.lookup(m.baseColorTexture, s, t, width, 3, value)) {
-    if (m.baseColorSrgb)
-      for (float& c : value)
-        c = c <= 0.04045f ? c / 12.92f : std::pow((c + 0.055f) / 1.055f, 2.4f);
+  if (m.baseColorTexture && m.baseColorTexture->lookup(s, t, width, 3, value))
     m.albedo = Vec3(value[0], value[1], value[2]);
-  }
-  if (m.roughnessTexture && textures.lookup(m.roughnessTexture, s, t, width, 1, value))
+  if (m.roughnessTexture && m.roughnessTexture->lookup(s, t, width, 1, value))
     m.roughness = value[0];
-  if (m.metallicTexture && textures.lookup(m.metallicTexture, s, t, width, 1, value))
+  if (m.metallicTexture && m.metallicTexture->lookup(s, t, width, 1, value))
     m.metallic = value[0];
-  if (m.normalTexture && textures.lookup(m.normalTexture, s, t, width, 3, value)) {
+  if (m.normalTexture && m.normalTexture->lookup(s, t, width, 3, value)) {
     const Vec3 tangent = normalize(dpdu - n * dot(n, dpdu));
     // Bitangent along +v whichever side of the surface `n` is on.
     Vec3 bitangent = cross(n, tangent);
@@ -250,8 +245,8 @@ void directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
   if (scene.dome.active() && scene.dome.hasImage()) {
     float pdf;
     Vec3 arriving;
-    const float u1 = random.next(), u2 = random.next();
-    const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf, &arriving);
+    const float u1 = random.next(), u2 = random.next(), u3 = random.next();
+    const Vec3 wi = scene.dome.sample(u1, u2, u3, ng, pdf, &arriving);
     if (pdf > 0)
       add(wi, std::numeric_limits<float>::infinity(), arriving * (1 / pdf), pdf, scene.domeGroup);
   }
