@@ -63,6 +63,7 @@ class Bsdf {
   const Material& m;
   Vec3 n, t, b, wo;  // wo in the local frame
   float alpha, eta, layerFresnel;
+  float lambdaO = 0;  // GGX's Lambda of wo, the same for every wi
   float weight[kLobes], probability[kLobes];
 };
 

@@ -114,7 +114,8 @@ bool DomeLight::reuseImage(const DomeLight& other, const std::string& path) {
 }
 
 void DomeLight::setTransform(const Transform& world) {
-  toWorld = world;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) toWorld.m[i][j] = float(world.m[i][j]);
   // The inverse of the linear part, for turning world directions back.
   const auto& m = world.m;
   const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
@@ -124,12 +125,12 @@ void DomeLight::setTransform(const Transform& world) {
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) {
       const int a = (j + 1) % 3, b = (j + 2) % 3, c = (i + 1) % 3, d = (i + 2) % 3;
-      toLocal.m[i][j] = (m[a][c] * m[b][d] - m[a][d] * m[b][c]) / det;
+      toLocal.m[i][j] = float((m[a][c] * m[b][d] - m[a][d] * m[b][c]) / det);
     }
 }
 
 int DomeLight::texelOf(const Vec3& toward, float* sinTheta) const {
-  const Vec3 d = normalize(toLocal.vector(toward));
+  const Vec3 d = normalize(toLocal(toward));
   const float u = 0.5f + fastAtan2(d.x, -d.z) * (0.5f / kPi);
   const float v = fastAcos(d.y) * (1 / kPi);
   if (sinTheta) *sinTheta = std::sqrt(std::max(0.0f, 1 - d.y * d.y));
@@ -174,7 +175,7 @@ Vec3 DomeLight::sample(float u1, float u2, float u3, const Vec3& n, float& densi
   const float theta = (y + std::clamp(float(fy), 0.0f, 1.0f)) / height * kPi;
   const float sinTheta = std::sin(theta);
   const Vec3 local(sinTheta * std::sin(phi), std::cos(theta), -sinTheta * std::cos(phi));
-  const Vec3 wi = normalize(toWorld.vector(local));
+  const Vec3 wi = normalize(toWorld(local));
   const Texel& chosen = image->texels[texel];
   density = sinTheta <= 1e-6f ? 0 : chosen.density / sinTheta;
   if (arriving) {

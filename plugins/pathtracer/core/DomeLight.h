@@ -61,7 +61,17 @@ class DomeLight {
     std::vector<Alias> alias;
   };
   std::shared_ptr<const Image> image;  // shared with the scene it was rebuilt from
-  Transform toWorld, toLocal;
+  // The transform's linear part and its inverse, in floats: turned at
+  // every look-up.
+  struct Turn {
+    float m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    Vec3 operator()(const Vec3& v) const {
+      return {m[0][0] * v.x + m[0][1] * v.y + m[0][2] * v.z,
+              m[1][0] * v.x + m[1][1] * v.y + m[1][2] * v.z,
+              m[2][0] * v.x + m[2][1] * v.y + m[2][2] * v.z};
+    }
+  };
+  Turn toWorld, toLocal;
 };
 
 }  // namespace pathtracer
