@@ -34,6 +34,46 @@ float fastAcos(float x) {
   return x < 0 ? kPi - a : a;
 }
 
+// Vose's construction of an alias table for `count` weights (not all 0):
+// every entry is filled up to an equal share from one above its share.
+void buildAlias(const double* weights, size_t count, DomeLight::Alias* alias) {
+  double total = 0;
+  for (size_t i = 0; i < count; ++i) total += weights[i];
+  std::vector<double> scaled(count);
+  std::vector<uint32_t> small, large;
+  for (size_t i = 0; i < count; ++i) {
+    scaled[i] = weights[i] * double(count) / total;
+    (scaled[i] < 1 ? small : large).push_back(uint32_t(i));
+  }
+  while (!small.empty() && !large.empty()) {
+    const uint32_t s = small.back(), l = large.back();
+    small.pop_back();
+    alias[s] = {float(scaled[s]), l};
+    scaled[l] -= 1 - scaled[s];
+    if (scaled[l] < 1) {
+      large.pop_back();
+      small.push_back(l);
+    }
+  }
+  for (uint32_t i : small) alias[i] = {1, i};
+  for (uint32_t i : large) alias[i] = {1, i};
+}
+
+// One of `count` entries drawn from `alias` by u in [0, 1); u becomes what
+// is left of it, again uniform in [0, 1).
+uint32_t drawAlias(const DomeLight::Alias* alias, size_t count, double& u) {
+  const double scaled = u * double(count);
+  const uint32_t slot = uint32_t(std::min(size_t(scaled), count - 1));
+  u = std::min(scaled - double(slot), 1.0);
+  const DomeLight::Alias& entry = alias[slot];
+  if (u < entry.keep) {
+    u /= entry.keep;
+    return slot;
+  }
+  u = (u - entry.keep) / (1 - entry.keep);
+  return entry.other;
+}
+
 Vec3 cosineDirection(float u1, float u2, const Vec3& n) {
   Vec3 t, b;
   makeBasis(n, t, b);
@@ -83,26 +123,15 @@ bool DomeLight::loadImage(const std::string& path, std::string& error) {
   }
   for (size_t i = 0; i < count; ++i)
     m.texels[i].density = float(weight[i] / total * double(count) / (2 * M_PI * M_PI));
-  // Vose's construction: every entry is filled up to an equal share from
-  // one texel above its share.
-  m.alias.resize(count);
-  std::vector<uint32_t> small, large;
-  for (size_t i = 0; i < count; ++i) {
-    weight[i] *= double(count) / total;
-    (weight[i] < 1 ? small : large).push_back(uint32_t(i));
-  }
-  while (!small.empty() && !large.empty()) {
-    const uint32_t s = small.back(), l = large.back();
-    small.pop_back();
-    m.alias[s] = {float(weight[s]), l};
-    weight[l] -= 1 - weight[s];
-    if (weight[l] < 1) {
-      large.pop_back();
-      small.push_back(l);
-    }
-  }
-  for (uint32_t i : small) m.alias[i] = {1, i};
-  for (uint32_t i : large) m.alias[i] = {1, i};
+  // A row is drawn first, then a texel within it: the tables of the bright
+  // rows, which most draws pick, stay in the cache.
+  std::vector<double> rows(size_t(height), 0.0);
+  for (size_t i = 0; i < count; ++i) rows[i / size_t(width)] += weight[i];
+  m.rowAlias.resize(size_t(height));
+  buildAlias(rows.data(), size_t(height), m.rowAlias.data());
+  m.columnAlias.resize(count);
+  for (int y = 0; y < height; ++y)
+    buildAlias(&weight[size_t(y) * width], size_t(width), &m.columnAlias[size_t(y) * width]);
   image = made;
   return true;
 }
@@ -155,22 +184,12 @@ Vec3 DomeLight::sample(float u1, float u2, float u3, const Vec3& n, float& densi
   }
   const int width = image->width, height = image->height;
   // u1 and u3 (multiples of 2^-24) make one number fine enough to pick
-  // among millions of texels and to leave a fraction for the alias test.
-  const size_t count = image->alias.size();
-  const double scaled = (double(u1) + double(u3) * (1.0 / 16777216.0)) * double(count);
-  size_t texel = std::min(size_t(scaled), count - 1);
-  // What is left places the direction within the texel's row.
-  double fy = std::min(scaled - double(texel), 1.0);
-  const Alias& entry = image->alias[texel];
-  // Most draws keep their slot's texel: fetch it alongside the entry.
-  __builtin_prefetch(&image->texels[texel]);
-  if (fy < entry.keep) {
-    fy /= entry.keep;
-  } else {
-    fy = (fy - entry.keep) / (1 - entry.keep);
-    texel = entry.other;
-  }
-  const int y = int(uint32_t(texel) / uint32_t(width)), x = int(texel) - y * width;
+  // among millions of texels and to leave a fraction within the texel.
+  double u = double(u1) + double(u3) * (1.0 / 16777216.0);
+  const int y = int(drawAlias(image->rowAlias.data(), size_t(height), u));
+  const int x = int(drawAlias(&image->columnAlias[size_t(y) * width], size_t(width), u));
+  const size_t texel = size_t(y) * width + x;
+  const double fy = u;
   const float phi = ((x + u2) / width - 0.5f) * 2 * kPi;
   const float theta = (y + std::clamp(float(fy), 0.0f, 1.0f)) / height * kPi;
   const float sinTheta = std::sin(theta);

@@ -14,6 +14,12 @@ namespace pathtracer {
 
 class DomeLight {
  public:
+  // An entry of an alias table: one draw, whatever the count.
+  struct Alias {
+    float keep;      // the chance of keeping the drawn entry
+    uint32_t other;  // the entry taken otherwise
+  };
+
   // Reads a lat-long image (EXR, HDR, anything OpenImageIO reads). False,
   // with the reason in `error`, when it cannot be read.
   bool loadImage(const std::string& path, std::string& error);
@@ -42,11 +48,6 @@ class DomeLight {
 
  private:
   int texelOf(const Vec3& toward, float* sinTheta) const;
-  // Texels are drawn through an alias table: one look-up, whatever the size.
-  struct Alias {
-    float keep;      // the chance of keeping the drawn texel
-    uint32_t other;  // the texel taken otherwise
-  };
   // What a direction reads, together in 16 bytes: one memory access.
   struct Texel {
     float rgb[3];
@@ -58,7 +59,8 @@ class DomeLight {
     std::string path;
     int width = 0, height = 0;
     std::vector<Texel> texels;  // row 0 at the top (+Y)
-    std::vector<Alias> alias;
+    std::vector<Alias> rowAlias;     // height entries
+    std::vector<Alias> columnAlias;  // width per row; `other` within the row
   };
   std::shared_ptr<const Image> image;  // shared with the scene it was rebuilt from
   // The transform's linear part and its inverse, in floats: turned at
