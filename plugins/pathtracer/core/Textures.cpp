@@ -72,20 +72,20 @@ std::shared_ptr<const Texture> Textures::open(const std::string& file, bool srgb
   auto made = std::make_shared<Texture>();
   made->handle = ts->get_texture_handle(name);
   made->srgb = srgbIfEightBit && eightBit;
-  OIIO::ImageSpec spec;
-  ts->get_imagespec(name, 0, spec);
-  const size_t count = size_t(spec.width) * size_t(spec.height);
-  if (spec.depth <= 1 && count > 0 && count <= Texture::kCopiedTexels && spec.nchannels > 0) {
-    std::vector<float> texels(count * size_t(spec.nchannels));
+  OIIO::ImageSpec info;
+  ts->get_imagespec(name, 0, info);
+  const size_t count = size_t(info.width) * size_t(info.height);
+  if (info.depth <= 1 && count > 0 && count <= Texture::kCopiedTexels && info.nchannels > 0) {
+    std::vector<float> texels(count * size_t(info.nchannels));
     OIIO::TextureOpt options;
-    if (ts->get_texels(name, options, 0, spec.x, spec.x + spec.width, spec.y,
-                       spec.y + spec.height, 0, 1, 0, spec.nchannels, OIIO::TypeDesc::FLOAT,
+    if (ts->get_texels(name, options, 0, info.x, info.x + info.width, info.y,
+                       info.y + info.height, 0, 1, 0, info.nchannels, OIIO::TypeDesc::FLOAT,
                        texels.data())) {
       // One or two channels (grey, grey and alpha) are grey.
-      const int step = spec.nchannels, green = step >= 3 ? 1 : 0, blue = step >= 3 ? 2 : 0;
+      const int step = info.nchannels, green = step >= 3 ? 1 : 0, blue = step >= 3 ? 2 : 0;
       Texture::Level finest;
-      finest.width = spec.width;
-      finest.height = spec.height;
+      finest.width = info.width;
+      finest.height = info.height;
       finest.rgb.resize(3 * count);
       for (size_t i = 0; i < count; ++i) {
         const float* in = &texels[i * size_t(step)];
