@@ -235,21 +235,16 @@ void BM_WritePng512(benchmark::State& state) {
 }
 BENCHMARK(BM_WritePng512)->Unit(benchmark::kMillisecond);
 
-// Full paths on the showcase scene (examples/pathtracer/showcase) at
-// 512x512, maxDepth 5, one thread: the renderer's pass against a bare loop
-// that traces the same rays, recorded from that pass: its camera packets,
-// then every bounce ray one by one and every shadow ray one by one.
-struct Showcase {
+// Full paths at 512x512, maxDepth 5, one thread: the renderer's pass against
+// a bare loop that traces the same rays, recorded from that pass: its camera
+// packets, then every bounce ray one by one and every shadow ray one by one.
+// On the showcase scene (examples/pathtracer/showcase) and on the demo scene
+// of the README (examples/pathtracer/wuson.optree.json).
+struct Recorded {
   Renderer renderer{quiet(1)};
   RayLog rays;
-  Showcase() {
-    const std::string folder = "/tmp/pathtracer-bench-showcase-" + std::to_string(getpid());
-    const std::string command = std::string("python3 " KINDLET_SOURCE_DIR
-                                            "/examples/pathtracer/showcase/make_showcase.py ") +
-                                folder + " >/dev/null";
-    if (std::system(command.c_str()) != 0) std::abort();
-    SceneTree tree = SceneTree::fromIterator(
-        XoScenegraphIterator::getIteratorFromFile(folder + "/showcase.optree.json"));
+  explicit Recorded(const std::string& file) {
+    SceneTree tree = SceneTree::fromIterator(XoScenegraphIterator::getIteratorFromFile(file));
     tree.apply(GroupAttribute(Arbolite3::internal::attributeFromJsonText(R"({"/root": {
         "attributes": {"renderSettings": {"resolution": [512, 512], "maxDepth": 5}}}})")));
     renderer.load(tree);
@@ -265,13 +260,24 @@ struct Showcase {
   size_t count() const { return 512 * 512 + rays.bounces.size() + rays.shadows.size(); }
 };
 
-Showcase& showcase() {
-  static Showcase scene;
+Recorded& recorded(bool showcase) {
+  if (showcase) {
+    static Recorded* scene = [] {
+      const std::string folder = "/tmp/pathtracer-bench-showcase-" + std::to_string(getpid());
+      const std::string command = std::string("python3 " KINDLET_SOURCE_DIR
+                                              "/examples/pathtracer/showcase/make_showcase.py ") +
+                                  folder + " >/dev/null";
+      if (std::system(command.c_str()) != 0) std::abort();
+      return new Recorded(folder + "/showcase.optree.json");
+    }();
+    return *scene;
+  }
+  static Recorded scene(KINDLET_SOURCE_DIR "/examples/pathtracer/wuson.optree.json");
   return scene;
 }
 
-void BM_ShowcaseFullPaths(benchmark::State& state) {
-  Showcase& show = showcase();
+void fullPaths(benchmark::State& state, bool showcase) {
+  Recorded& show = recorded(showcase);
   const RenderScene& scene = show.renderer.scene();
   std::vector<float> sums(512 * 512 * 3);
   tbb::task_arena arena(1);
@@ -281,10 +287,9 @@ void BM_ShowcaseFullPaths(benchmark::State& state) {
   state.counters["bounces"] = double(show.rays.bounces.size());
   state.counters["shadows"] = double(show.rays.shadows.size());
 }
-BENCHMARK(BM_ShowcaseFullPaths)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_ShowcaseBareRays(benchmark::State& state) {
-  Showcase& show = showcase();
+void bareRays(benchmark::State& state, bool showcase) {
+  Recorded& show = recorded(showcase);
   const RenderScene& scene = show.renderer.scene();
   const CameraRays camera(scene, 0);
   alignas(64) RTCRayHit16 packet;
@@ -315,7 +320,15 @@ void BM_ShowcaseBareRays(benchmark::State& state) {
   benchmark::DoNotOptimize(hits);
   state.SetItemsProcessed(state.iterations() * show.count());
 }
+
+void BM_ShowcaseFullPaths(benchmark::State& state) { fullPaths(state, true); }
+void BM_ShowcaseBareRays(benchmark::State& state) { bareRays(state, true); }
+void BM_DemoFullPaths(benchmark::State& state) { fullPaths(state, false); }
+void BM_DemoBareRays(benchmark::State& state) { bareRays(state, false); }
+BENCHMARK(BM_ShowcaseFullPaths)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ShowcaseBareRays)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_DemoFullPaths)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_DemoBareRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Peak resident memory added by loading a scene of about 1.1 million
 // triangles, per million triangles. Run alone (a filter), since the peak of

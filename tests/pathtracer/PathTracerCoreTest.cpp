@@ -4,9 +4,12 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <Imath/half.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
+#include <tuple>
 #include <filesystem>
 #include <thread>
 
@@ -15,6 +18,7 @@
 #include "MeshFile.h"
 #include "Renderer.h"
 #include "TestScenes.h"
+#include "XoImageOut/ImageHost.h"
 
 using namespace pathtracer;
 using Arbolite3::internal::XoAttribute::IntAttribute;
@@ -292,4 +296,47 @@ TEST(ImageFile, AWriteThatFailsAtTheEndIsReportedAndTheOldImageStays) {
   EXPECT_NE(error.find("File too large"), std::string::npos) << error;
   EXPECT_EQ(std::filesystem::file_size(path), before);
   std::filesystem::remove(path);
+}
+
+// Beauty and every output are images of their own, and only those taken are
+// published: each holds its own channels of the pass.
+TEST(PathTracer, OutputsArePublishedAsImagesOfTheirOwn) {
+  Renderer renderer(quiet());
+  renderer.load(sceneOf(R"({"resolution": [8, 4], "samples": 2,
+                            "outputs": ["diffuse", "depth", "lightGroups"]})",
+                        std::string(kUnitCube) + "," + kCamera + R"(,
+      {"name": "key", "type": "light", "attributes": {"lightGroup": "key",
+        "xform": {"translate": [1.0, 2.0, 3.0]}, "material": {"lightShader": "pointLight"}}})"));
+  std::map<std::string, XoImageOut::PublishedImage> images;
+  for (const XoImageOut::PublishedImage& image : XoImageOut::openImages())
+    images.emplace(image.description().name, image);
+  std::vector<std::string> names;
+  for (const auto& named : images) names.push_back(named.first);
+  ASSERT_EQ(names, (std::vector<std::string>{"beauty", "depth", "diffuse", "lightGroup.key"}));
+  std::string error;
+  ASSERT_TRUE(images.at("depth").want(error) && images.at("lightGroup.key").want(error)) << error;
+  ASSERT_TRUE(renderer.renderBatch());
+  const std::vector<float> all = renderer.outputs();
+  const OutputLayout& layout = renderer.scene().layout;
+  XoImageOut::TakenPass pass;
+  EXPECT_FALSE(images.at("beauty").take(pass));
+  EXPECT_FALSE(images.at("diffuse").take(pass));
+  using Output = std::tuple<std::string, int, int>;  // name, first channel, channels
+  for (const auto& [name, first, count] :
+       {Output{"depth", layout.depth, 1}, Output{"lightGroup.key", layout.groups, 3}}) {
+    XoImageOut::PublishedImage& image = images.at(name);
+    ASSERT_TRUE(image.take(pass)) << name;
+    EXPECT_EQ(pass.samples, 2u);
+    ASSERT_EQ(pass.bytes, size_t(8 * 4 * count) * sizeof(Imath::half));
+    const auto* halves = reinterpret_cast<const Imath::half*>(pass.pixels);
+    double sum = 0;
+    for (int p = 0; p < 8 * 4; ++p)
+      for (int c = 0; c < count; ++c) {
+        const float expected = all[size_t(p * layout.channels + first + c)];
+        EXPECT_NEAR(float(halves[p * count + c]), expected, 1e-3f * (1 + expected)) << name;
+        sum += expected;
+      }
+    EXPECT_GT(sum, 0) << name;
+    image.release();
+  }
 }

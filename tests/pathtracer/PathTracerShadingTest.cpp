@@ -281,13 +281,18 @@ TEST(Shading, TexturesAtTexelCentresAndOnMeshes) {
   auto out = OIIO::ImageOutput::create(file);
   ASSERT_TRUE(out && out->open(file, OIIO::ImageSpec(4, 2, 3, OIIO::TypeDesc::FLOAT)) &&
               out->write_image(OIIO::TypeDesc::FLOAT, texels.data()) && out->close());
+  std::string error;
+  const std::shared_ptr<const Texture> texture = Textures::shared().open(file, true, error);
+  ASSERT_TRUE(texture && texture->copied()) << error;
   float value[3];
   for (int y = 0; y < 2; ++y)
     for (int x = 0; x < 4; ++x) {
-      ASSERT_TRUE(Textures::shared().lookup(Textures::handle(file), (x + 0.5f) / 4, (y + 0.5f) / 2,
-                                            0, 3, value));
+      ASSERT_TRUE(texture->lookup((x + 0.5f) / 4, (y + 0.5f) / 2, 0, 3, value));
       for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(value[c], texels[3 * (y * 4 + x) + c]);
     }
+  // A footprint as wide as the texture reads its mean (the coarsest level).
+  ASSERT_TRUE(texture->lookup(0.3f, 0.6f, 1, 3, value));
+  EXPECT_FLOAT_EQ(value[0], 1.3125f);  // (0 + 3 + ... + 21) / 8 / 8
   // A 4 x 2 floor with u from 0 to 1 along x and v from 0 to 1 along -z,
   // seen from above with +x right and -z up, one pixel a unit.
   Renderer renderer(quiet(1));
@@ -310,4 +315,35 @@ TEST(Shading, TexturesAtTexelCentresAndOnMeshes) {
       EXPECT_NEAR(all[size_t(y * 4 + x) * 6 + albedo],
                   texels[3 * (y * 4 + x)] * 5 / 6 + texels[3 * ((1 - y) * 4 + x)] / 6, 1e-5f)
           << x << " " << y;
+}
+
+// A normal map turns the shading normal along the surface's own u and v: a
+// map tilted 45 degrees toward +u (+v) faces a light coming 45 degrees from
+// that side head-on, so a white floor there shows 1/pi; an unturned normal
+// would show cos 45 of that, one turned the wrong way nothing.
+TEST(Shading, NormalMapsTurnAlongTextureCoordinates) {
+  const float c = std::cos(float(M_PI) / 4);
+  const struct { const char* side; float tilt[3]; const char* rotate; } cases[] = {
+      {"+u", {c, 0, c}, "[-90.0, 0.0, -45.0]"},     // u runs along +x
+      {"+v", {0, c, c}, "[-135.0, 0.0, 0.0]"}};     // v runs along -z
+  for (const auto& tilted : cases) {
+    const std::string file = testing::TempDir() + "/normals" + (tilted.side + 1) + ".exr";
+    std::vector<float> texels(2 * 2 * 3);
+    for (size_t i = 0; i < texels.size(); ++i) texels[i] = 0.5f + 0.5f * tilted.tilt[i % 3];
+    auto out = OIIO::ImageOutput::create(file);
+    ASSERT_TRUE(out && out->open(file, OIIO::ImageSpec(2, 2, 3, OIIO::TypeDesc::FLOAT)) &&
+                out->write_image(OIIO::TypeDesc::FLOAT, texels.data()) && out->close());
+    const std::vector<float> image = render(
+        R"({"resolution": [4, 2], "samples": 1, "maxDepth": 1})",
+        R"({"name": "floor", "type": "polymesh", "attributes": {"geometry": {
+          "point": {"P": [-2.0,0.0,1.0, 2.0,0.0,1.0, 2.0,0.0,-1.0, -2.0,0.0,-1.0],
+                    "st": [0.0,0.0, 1.0,0.0, 1.0,1.0, 0.0,1.0]},
+          "poly": {"faceCounts": [4], "vertexList": [0,1,2,3]}},
+          "material": {"params": {"baseColor": 1.0, "normalTexture": ")" + file + R"("}}}},
+        {"name": "cam", "type": "camera", "attributes": {"geometry": {"projection": "orthographic",
+          "orthographicWidth": 2.0}, "xform": {"translate": [0.0, 5.0, 0.0], "rotate": [-90.0, 0.0, 0.0]}}},
+        {"name": "sun", "type": "light", "attributes": {"material": {"lightShader": "distantLight"},
+          "xform": {"rotate": )" + std::string(tilted.rotate) + "}}}");
+    EXPECT_NEAR(mean(image), 1 / M_PI, 0.01) << tilted.side;
+  }
 }

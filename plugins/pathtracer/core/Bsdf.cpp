@@ -47,7 +47,8 @@ float fresnelDielectric(float cosI, float eta) {
 }
 
 Vec3 schlick(const Vec3& f0, float c) {
-  const float k = std::pow(1 - std::clamp(c, 0.0f, 1.0f), 5.0f);
+  const float m = 1 - std::clamp(c, 0.0f, 1.0f), m2 = m * m;
+  const float k = m2 * m2 * m;
   return f0 + (Vec3(1, 1, 1) - f0) * k;
 }
 
@@ -79,12 +80,13 @@ Bsdf::Bsdf(const Material& material, const Vec3& normal, const Vec3& outgoing, b
   wo = local(outgoing);
   wo.z = std::max(wo.z, 1e-5f);
   alpha = m.roughness * m.roughness;
+  if (alpha >= kSmoothAlpha) lambdaO = ggxLambda(alpha * alpha, wo);
   eta = outside ? m.ior : 1 / m.ior;
-  layerFresnel = fresnelDielectric(wo.z, m.ior);
   const float metal = std::clamp(m.metallic, 0.0f, 1.0f);
   const float glass = (1 - metal) * std::clamp(m.transmission, 0.0f, 1.0f);
   const float layered = 1 - metal - glass;
   const float specular = std::clamp(m.specular, 0.0f, 1.0f);
+  layerFresnel = layered * specular > 0 ? fresnelDielectric(wo.z, m.ior) : 0;
   weight[kConductor] = metal;
   weight[kGlass] = glass;
   weight[kLayer] = layered * specular;
@@ -116,7 +118,7 @@ Vec3 Bsdf::evaluateLocal(const Vec3& wi, float& pdf, Vec3* diffuse) const {
     const Vec3 h = normalize(wo + wi);
     const float woh = std::max(dot(wo, h), 1e-6f);
     const float d = ggxD(a2, h);
-    const float lo = ggxLambda(a2, wo), li = ggxLambda(a2, wi);
+    const float lo = lambdaO, li = ggxLambda(a2, wi);
     // f |cos wi| without Fresnel, and the visible-normal density of wi.
     const float microfacet = d / ((1 + lo + li) * 4 * wo.z);
     const float density = d / ((1 + lo) * 4 * wo.z);
@@ -183,7 +185,7 @@ bool Bsdf::sample(float u0, float u1, float u2, BsdfSample& out) const {
       const float cosT = std::sqrt(std::max(0.0f, 1 - sin2T));
       wi = h * (woh / eta - cosT) - wo * (1 / eta);
       if (wi.z >= 0) return false;
-      const float lo = ggxLambda(a2, wo), li = ggxLambda(a2, wi);
+      const float lo = lambdaO, li = ggxLambda(a2, wi);
       out.wi = world(normalize(wi));
       out.weight = m.albedo * (weight[kGlass] / p * (1 + lo) / (1 + lo + li));
       out.specular = true;

@@ -8,6 +8,8 @@
 
 namespace pathtracer {
 
+class Texture;
+
 struct Material {
   Vec3 albedo{0.18f, 0.18f, 0.18f};  // baseColor: diffuse, conductor and glass colour
   Vec3 emission;
@@ -16,12 +18,11 @@ struct Material {
   float specular = 0.0f;  // weight of the dielectric layer over the diffuse base
   float ior = 1.5f;
   float transmission = 0.0f;
-  // Textures (Textures::handle) that replace the values above, or null.
-  const void* baseColorTexture = nullptr;
-  const void* roughnessTexture = nullptr;
-  const void* metallicTexture = nullptr;
-  const void* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
-  bool baseColorSrgb = false;  // the base colour texture is 8-bit sRGB
+  // Textures that replace the values above, or null; kept by the scene.
+  const Texture* baseColorTexture = nullptr;  // linear (8-bit files decoded from sRGB)
+  const Texture* roughnessTexture = nullptr;
+  const Texture* metallicTexture = nullptr;
+  const Texture* normalTexture = nullptr;  // tangent space, 0.5 0.5 1 is flat
   bool textured() const {
     return baseColorTexture || roughnessTexture || metallicTexture || normalTexture;
   }
@@ -62,6 +63,7 @@ class Bsdf {
   const Material& m;
   Vec3 n, t, b, wo;  // wo in the local frame
   float alpha, eta, layerFresnel;
+  float lambdaO = 0;  // GGX's Lambda of wo, the same for every wi
   float weight[kLobes], probability[kLobes];
 };
 

@@ -11,10 +11,67 @@ namespace {
 
 constexpr float kPi = float(M_PI);
 
-// Index of the interval of `cdf` (ascending, from 0 to 1) that holds u.
-int findInterval(const float* cdf, int count, float u) {
-  const float* at = std::upper_bound(cdf, cdf + count + 1, u);
-  return std::clamp(int(at - cdf) - 1, 0, count - 1);
+// atan2 within 2e-6 radians (a polynomial on [0, 1] and the octant's
+// symmetries), and acos within 1e-7: a texel of an 8k image spans 8e-4.
+float fastAtan2(float y, float x) {
+  const float ax = std::fabs(x), ay = std::fabs(y);
+  const float big = std::max(ax, ay);
+  if (big == 0) return 0;
+  const float z = std::min(ax, ay) / big, z2 = z * z;
+  float a = z * (0.99997726f + z2 * (-0.33262347f + z2 * (0.19354346f +
+                 z2 * (-0.11643287f + z2 * (0.05265332f + z2 * -0.01172120f)))));
+  if (ay > ax) a = 0.5f * kPi - a;
+  if (x < 0) a = kPi - a;
+  return y < 0 ? -a : a;
+}
+
+float fastAcos(float x) {
+  const float ax = std::min(std::fabs(x), 1.0f);
+  const float a = std::sqrt(1 - ax) *
+                  (1.5707963050f + ax * (-0.2145988016f + ax * (0.0889789874f +
+                   ax * (-0.0501743046f + ax * (0.0308918810f + ax * (-0.0170881256f +
+                   ax * (0.0066700901f + ax * -0.0012624911f)))))));
+  return x < 0 ? kPi - a : a;
+}
+
+// Vose's construction of an alias table for `count` weights (not all 0):
+// every entry is filled up to an equal share from one above its share.
+void buildAlias(const double* weights, size_t count, DomeLight::Alias* alias) {
+  double total = 0;
+  for (size_t i = 0; i < count; ++i) total += weights[i];
+  std::vector<double> scaled(count);
+  std::vector<uint32_t> small, large;
+  for (size_t i = 0; i < count; ++i) {
+    scaled[i] = weights[i] * double(count) / total;
+    (scaled[i] < 1 ? small : large).push_back(uint32_t(i));
+  }
+  while (!small.empty() && !large.empty()) {
+    const uint32_t s = small.back(), l = large.back();
+    small.pop_back();
+    alias[s] = {float(scaled[s]), l};
+    scaled[l] -= 1 - scaled[s];
+    if (scaled[l] < 1) {
+      large.pop_back();
+      small.push_back(l);
+    }
+  }
+  for (uint32_t i : small) alias[i] = {1, i};
+  for (uint32_t i : large) alias[i] = {1, i};
+}
+
+// One of `count` entries drawn from `alias` by u in [0, 1); u becomes what
+// is left of it, again uniform in [0, 1).
+uint32_t drawAlias(const DomeLight::Alias* alias, size_t count, double& u) {
+  const double scaled = u * double(count);
+  const uint32_t slot = uint32_t(std::min(size_t(scaled), count - 1));
+  u = std::min(scaled - double(slot), 1.0);
+  const DomeLight::Alias& entry = alias[slot];
+  if (u < entry.keep) {
+    u /= entry.keep;
+    return slot;
+  }
+  u = (u - entry.keep) / (1 - entry.keep);
+  return entry.other;
 }
 
 Vec3 cosineDirection(float u1, float u2, const Vec3& n) {
@@ -46,33 +103,35 @@ bool DomeLight::loadImage(const std::string& path, std::string& error) {
   Image& m = *made;
   m.path = path;
   const int width = m.width = all.width(), height = m.height = all.height();
-  m.texels.resize(size_t(width) * height * 3);
+  m.texels.resize(size_t(width) * height);
   for (size_t i = 0; i < size_t(width) * height; ++i)
     for (int c = 0; c < 3; ++c)
-      m.texels[3 * i + c] = std::max(0.0f, pixels[i * channels + std::min(c, channels - 1)]);
+      m.texels[i].rgb[c] = std::max(0.0f, pixels[i * channels + std::min(c, channels - 1)]);
   // Texels are drawn in proportion to brightness times the solid angle of
   // their row.
-  m.texelProbability.assign(size_t(width) * height, 0);
-  m.columnCdf.assign(size_t(width + 1) * height, 0);
-  m.rowCdf.assign(height + 1, 0);
+  const size_t count = size_t(width) * height;
+  std::vector<double> weight(count);
+  double total = 0;
   for (int y = 0; y < height; ++y) {
-    const float sinTheta = std::sin(kPi * (y + 0.5f) / height);
-    float* cdf = &m.columnCdf[size_t(width + 1) * y];
+    const double sinTheta = std::sin(M_PI * (y + 0.5) / height);
     for (int x = 0; x < width; ++x) {
-      const float* rgb = &m.texels[3 * (size_t(y) * width + x)];
-      float& p = m.texelProbability[size_t(y) * width + x];
-      p = (rgb[0] + rgb[1] + rgb[2]) * sinTheta + 1e-8f;
-      cdf[x + 1] = cdf[x] + p;
+      const size_t i = size_t(y) * width + x;
+      const float* rgb = m.texels[i].rgb;
+      weight[i] = (double(rgb[0]) + rgb[1] + rgb[2]) * sinTheta + 1e-8;
+      total += weight[i];
     }
-    m.rowCdf[y + 1] = m.rowCdf[y] + cdf[width];
   }
-  const float total = m.rowCdf[height];
-  for (int y = 0; y < height; ++y) {
-    float* cdf = &m.columnCdf[size_t(width + 1) * y];
-    for (int x = 1; x <= width; ++x) cdf[x] /= cdf[width];
-    m.rowCdf[y + 1] /= total;
-  }
-  for (float& p : m.texelProbability) p /= total;
+  for (size_t i = 0; i < count; ++i)
+    m.texels[i].density = float(weight[i] / total * double(count) / (2 * M_PI * M_PI));
+  // A row is drawn first, then a texel within it: the tables of the bright
+  // rows, which most draws pick, stay in the cache.
+  std::vector<double> rows(size_t(height), 0.0);
+  for (size_t i = 0; i < count; ++i) rows[i / size_t(width)] += weight[i];
+  m.rowAlias.resize(size_t(height));
+  buildAlias(rows.data(), size_t(height), m.rowAlias.data());
+  m.columnAlias.resize(count);
+  for (int y = 0; y < height; ++y)
+    buildAlias(&weight[size_t(y) * width], size_t(width), &m.columnAlias[size_t(y) * width]);
   image = made;
   return true;
 }
@@ -84,7 +143,8 @@ bool DomeLight::reuseImage(const DomeLight& other, const std::string& path) {
 }
 
 void DomeLight::setTransform(const Transform& world) {
-  toWorld = world;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) toWorld.m[i][j] = float(world.m[i][j]);
   // The inverse of the linear part, for turning world directions back.
   const auto& m = world.m;
   const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
@@ -94,14 +154,14 @@ void DomeLight::setTransform(const Transform& world) {
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) {
       const int a = (j + 1) % 3, b = (j + 2) % 3, c = (i + 1) % 3, d = (i + 2) % 3;
-      toLocal.m[i][j] = (m[a][c] * m[b][d] - m[a][d] * m[b][c]) / det;
+      toLocal.m[i][j] = float((m[a][c] * m[b][d] - m[a][d] * m[b][c]) / det);
     }
 }
 
 int DomeLight::texelOf(const Vec3& toward, float* sinTheta) const {
-  const Vec3 d = normalize(toLocal.vector(toward));
-  const float u = 0.5f + std::atan2(d.x, -d.z) / (2 * kPi);
-  const float v = std::acos(std::clamp(d.y, -1.0f, 1.0f)) / kPi;
+  const Vec3 d = normalize(toLocal(toward));
+  const float u = 0.5f + fastAtan2(d.x, -d.z) * (0.5f / kPi);
+  const float v = fastAcos(d.y) * (1 / kPi);
   if (sinTheta) *sinTheta = std::sqrt(std::max(0.0f, 1 - d.y * d.y));
   const int x = std::clamp(int(u * image->width), 0, image->width - 1);
   const int y = std::clamp(int(v * image->height), 0, image->height - 1);
@@ -110,11 +170,12 @@ int DomeLight::texelOf(const Vec3& toward, float* sinTheta) const {
 
 Vec3 DomeLight::radiance(const Vec3& toward) const {
   if (!hasImage()) return color;
-  const float* rgb = &image->texels[3 * size_t(texelOf(toward, nullptr))];
+  const float* rgb = image->texels[size_t(texelOf(toward, nullptr))].rgb;
   return Vec3(rgb[0], rgb[1], rgb[2]) * color;
 }
 
-Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density, Vec3* arriving) const {
+Vec3 DomeLight::sample(float u1, float u2, float u3, const Vec3& n, float& density,
+                       Vec3* arriving) const {
   if (!hasImage() || uniformSampling) {
     const Vec3 wi = cosineDirection(u1, u2, n);
     density = std::max(0.0f, dot(wi, n)) / kPi;
@@ -122,20 +183,24 @@ Vec3 DomeLight::sample(float u1, float u2, const Vec3& n, float& density, Vec3* 
     return wi;
   }
   const int width = image->width, height = image->height;
-  const std::vector<float>& rowCdf = image->rowCdf;
-  const int y = findInterval(rowCdf.data(), height, u1);
-  const float* cdf = &image->columnCdf[size_t(width + 1) * y];
-  const int x = findInterval(cdf, width, u2);
-  // Where in the texel, from what is left of the two numbers.
-  const float fy = (u1 - rowCdf[y]) / std::max(rowCdf[y + 1] - rowCdf[y], 1e-12f);
-  const float fx = (u2 - cdf[x]) / std::max(cdf[x + 1] - cdf[x], 1e-12f);
-  const float phi = ((x + std::clamp(fx, 0.0f, 1.0f)) / width - 0.5f) * 2 * kPi;
-  const float theta = (y + std::clamp(fy, 0.0f, 1.0f)) / height * kPi;
+  // u1 and u3 (multiples of 2^-24) make one number fine enough to pick
+  // among millions of texels and to leave a fraction within the texel.
+  double u = double(u1) + double(u3) * (1.0 / 16777216.0);
+  const int y = int(drawAlias(image->rowAlias.data(), size_t(height), u));
+  const int x = int(drawAlias(&image->columnAlias[size_t(y) * width], size_t(width), u));
+  const size_t texel = size_t(y) * width + x;
+  const double fy = u;
+  const float phi = ((x + u2) / width - 0.5f) * 2 * kPi;
+  const float theta = (y + std::clamp(float(fy), 0.0f, 1.0f)) / height * kPi;
   const float sinTheta = std::sin(theta);
   const Vec3 local(sinTheta * std::sin(phi), std::cos(theta), -sinTheta * std::cos(phi));
-  const Vec3 wi = normalize(toWorld.vector(local));
-  const Vec3 seen = radianceAndPdf(wi, n, density);
-  if (arriving) *arriving = seen;
+  const Vec3 wi = normalize(toWorld(local));
+  const Texel& chosen = image->texels[texel];
+  density = sinTheta <= 1e-6f ? 0 : chosen.density / sinTheta;
+  if (arriving) {
+    const float* rgb = chosen.rgb;
+    *arriving = Vec3(rgb[0], rgb[1], rgb[2]) * color;
+  }
   return wi;
 }
 
@@ -146,10 +211,9 @@ Vec3 DomeLight::radianceAndPdf(const Vec3& toward, const Vec3& n, float& density
   }
   float sinTheta;
   const int texel = texelOf(toward, &sinTheta);
-  density = sinTheta <= 1e-6f ? 0
-                              : image->texelProbability[texel] * float(image->width) *
-                                    float(image->height) / (2 * kPi * kPi * sinTheta);
-  const float* rgb = &image->texels[3 * size_t(texel)];
+  const Texel& seen = image->texels[size_t(texel)];
+  density = sinTheta <= 1e-6f ? 0 : seen.density / sinTheta;
+  const float* rgb = seen.rgb;
   return Vec3(rgb[0], rgb[1], rgb[2]) * color;
 }
 
@@ -159,8 +223,7 @@ float DomeLight::pdf(const Vec3& toward, const Vec3& n) const {
   float sinTheta;
   const int texel = texelOf(toward, &sinTheta);
   if (sinTheta <= 1e-6f) return 0;
-  return image->texelProbability[texel] * float(image->width) * float(image->height) /
-         (2 * kPi * kPi * sinTheta);
+  return image->texels[size_t(texel)].density / sinTheta;
 }
 
 }  // namespace pathtracer

@@ -68,9 +68,9 @@ void facingNormals(const RenderScene& scene, const Hit& hit, const Vec3& wo, Vec
   const MeshShading& shading = scene.geometry->meshes[hit.geometry];
   if (!shading.normals.empty()) {
     const unsigned* corner = &shading.triangles[3 * size_t(hit.primitive)];
-    const Vec3 s = unpackUnit(shading.normals[corner[0]]) * (1 - hit.u - hit.v) +
-                   unpackUnit(shading.normals[corner[1]]) * hit.u +
-                   unpackUnit(shading.normals[corner[2]]) * hit.v;
+    const Vec3 s = unpackDirection(shading.normals[corner[0]]) * (1 - hit.u - hit.v) +
+                   unpackDirection(shading.normals[corner[1]]) * hit.u +
+                   unpackDirection(shading.normals[corner[2]]) * hit.v;
     if (dot(s, s) > 0) n = normalize(s);
   }
   if (dot(ng, wo) < 0) ng = -ng;
@@ -100,37 +100,38 @@ Material withTextures(const Material& plain, const MeshShading& shading, const H
   if (!shading.uvs) return m;
   const unsigned* corner = &shading.triangles[3 * size_t(hit.primitive)];
   const float* uv[3];
-  Vec3 p[3];
-  for (int k = 0; k < 3; ++k) {
-    uv[k] = &(*shading.uvs)[2 * size_t(corner[k])];
-    const float* point = &shading.points[3 * size_t(corner[k])];
-    p[k] = Vec3(point[0], point[1], point[2]);
-  }
+  for (int k = 0; k < 3; ++k) uv[k] = &(*shading.uvs)[2 * size_t(corner[k])];
   const float w = 1 - hit.u - hit.v;
   const float s = w * uv[0][0] + hit.u * uv[1][0] + hit.v * uv[2][0];
   const float t = 1 - (w * uv[0][1] + hit.u * uv[1][1] + hit.v * uv[2][1]);
-  // How the position changes with u and with v across the triangle.
-  const Vec3 e1 = p[1] - p[0], e2 = p[2] - p[0];
-  const float du1 = uv[1][0] - uv[0][0], dv1 = uv[1][1] - uv[0][1];
-  const float du2 = uv[2][0] - uv[0][0], dv2 = uv[2][1] - uv[0][1];
-  const float det = du1 * dv2 - du2 * dv1;
-  const float r = std::fabs(det) > 1e-12f ? 1 / det : 0;
-  const Vec3 dpdu = (e1 * dv2 - e2 * dv1) * r, dpdv = (e2 * du1 - e1 * du2) * r;
-  const float scale = std::max(length(dpdu), length(dpdv));
-  const float width = scale > 0 ? footprint / scale : 0;
-  const Textures& textures = Textures::shared();
-  float value[3];
-  if (m.baseColorTexture && textures.lookup(m.baseColorTexture, s, t, width, 3, value)) {
-    if (m.baseColorSrgb)
-      for (float& c : value)
-        c = c <= 0.04045f ? c / 12.92f : std::pow((c + 0.055f) / 1.055f, 2.4f);
-    m.albedo = Vec3(value[0], value[1], value[2]);
+  // How the position changes with u and with v across the triangle: for the
+  // footprint and the normal map's frame only.
+  Vec3 dpdu, dpdv;
+  float width = 0;
+  if (footprint > 0 || m.normalTexture) {
+    Vec3 p[3];
+    for (int k = 0; k < 3; ++k) {
+      const float* point = &shading.points[3 * size_t(corner[k])];
+      p[k] = Vec3(point[0], point[1], point[2]);
+    }
+    const Vec3 e1 = p[1] - p[0], e2 = p[2] - p[0];
+    const float du1 = uv[1][0] - uv[0][0], dv1 = uv[1][1] - uv[0][1];
+    const float du2 = uv[2][0] - uv[0][0], dv2 = uv[2][1] - uv[0][1];
+    const float det = du1 * dv2 - du2 * dv1;
+    const float r = std::fabs(det) > 1e-12f ? 1 / det : 0;
+    dpdu = (e1 * dv2 - e2 * dv1) * r;
+    dpdv = (e2 * du1 - e1 * du2) * r;
+    const float scale = std::max(length(dpdu), length(dpdv));
+    width = scale > 0 ? footprint / scale : 0;
   }
-  if (m.roughnessTexture && textures.lookup(m.roughnessTexture, s, t, width, 1, value))
+  float value[3];
+  if (m.baseColorTexture && m.baseColorTexture->lookup(s, t, width, 3, value))
+    m.albedo = Vec3(value[0], value[1], value[2]);
+  if (m.roughnessTexture && m.roughnessTexture->lookup(s, t, width, 1, value))
     m.roughness = value[0];
-  if (m.metallicTexture && textures.lookup(m.metallicTexture, s, t, width, 1, value))
+  if (m.metallicTexture && m.metallicTexture->lookup(s, t, width, 1, value))
     m.metallic = value[0];
-  if (m.normalTexture && textures.lookup(m.normalTexture, s, t, width, 3, value)) {
+  if (m.normalTexture && m.normalTexture->lookup(s, t, width, 3, value)) {
     const Vec3 tangent = normalize(dpdu - n * dot(n, dpdu));
     // Bitangent along +v whichever side of the surface `n` is on.
     Vec3 bitangent = cross(n, tangent);
@@ -250,8 +251,8 @@ void directLight(const RenderScene& scene, const Vec3& p, const Vec3& ng, const 
   if (scene.dome.active() && scene.dome.hasImage()) {
     float pdf;
     Vec3 arriving;
-    const float u1 = random.next(), u2 = random.next();
-    const Vec3 wi = scene.dome.sample(u1, u2, ng, pdf, &arriving);
+    const float u1 = random.next(), u2 = random.next(), u3 = random.next();
+    const Vec3 wi = scene.dome.sample(u1, u2, u3, ng, pdf, &arriving);
     if (pdf > 0)
       add(wi, std::numeric_limits<float>::infinity(), arriving * (1 / pdf), pdf, scene.domeGroup);
   }

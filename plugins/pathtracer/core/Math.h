@@ -54,12 +54,14 @@ inline uint32_t packUnit(const Vec3& v) {
   auto quantise = [](float c) { return uint32_t(std::lround((c * 0.5f + 0.5f) * 65535.0f)); };
   return quantise(x) | (quantise(y) << 16);
 }
-inline Vec3 unpackUnit(uint32_t packed) {
-  const float x = float(packed & 0xffff) / 65535.0f * 2 - 1;
-  const float y = float(packed >> 16) / 65535.0f * 2 - 1;
+// The packed direction, of a length between 1/sqrt(3) and 1: blends of a few
+// need one normalisation, not one each.
+inline Vec3 unpackDirection(uint32_t packed) {
+  const float x = float(packed & 0xffff) * (2.0f / 65535.0f) - 1;
+  const float y = float(packed >> 16) * (2.0f / 65535.0f) - 1;
   const float z = 1 - std::fabs(x) - std::fabs(y);
   const float t = std::max(-z, 0.0f);
-  return normalize(Vec3(x + (x >= 0 ? -t : t), y + (y >= 0 ? -t : t), z));
+  return Vec3(x + (x >= 0 ? -t : t), y + (y >= 0 ? -t : t), z);
 }
 
 // Affine transform, row-major 3x4: p' = M * [p 1].

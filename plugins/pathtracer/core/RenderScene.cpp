@@ -93,7 +93,9 @@ Transform localTransform(const GroupAttribute& attrs) {
   return t;
 }
 
-Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& reporter) {
+// Textures opened are added to `kept`, which holds them for the scene.
+Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& reporter,
+                      std::vector<std::shared_ptr<const Texture>>& kept) {
   if (!params.isValid()) return m;
   m.albedo = vec3(params.getChildByName("baseColor"), m.albedo);
   m.roughness = float(number(params.getChildByName("roughness"), m.roughness));
@@ -103,17 +105,19 @@ Material materialFrom(const GroupAttribute& params, Material m, OnceReporter& re
   m.transmission = float(number(params.getChildByName("transmission"), m.transmission));
   const Vec3 emission = vec3(params.getChildByName("emissionColor"), Vec3(0, 0, 0));
   m.emission = emission * float(number(params.getChildByName("emissionIntensity"), 1.0));
-  const struct { const char* name; const void** texture; } textures[] = {
+  const struct { const char* name; const Texture** texture; } textures[] = {
       {"baseColorTexture", &m.baseColorTexture}, {"roughnessTexture", &m.roughnessTexture},
       {"metallicTexture", &m.metallicTexture}, {"normalTexture", &m.normalTexture}};
   for (const auto& t : textures) {
     const std::string file = text(params.getChildByName(t.name));
     if (file.empty()) continue;
     std::string error;
-    bool eightBit = false;
-    if (Textures::shared().check(file, error, &eightBit)) {
-      *t.texture = Textures::handle(file);
-      if (t.texture == &m.baseColorTexture) m.baseColorSrgb = eightBit;
+    // An 8-bit colour file is sRGB-encoded by convention; other values are as stored.
+    std::shared_ptr<const Texture> texture =
+        Textures::shared().open(file, t.texture == &m.baseColorTexture, error);
+    if (texture) {
+      *t.texture = texture.get();
+      kept.push_back(std::move(texture));
     } else {
       reporter.errorOnce("texture " + file, "Cannot read texture \"" + file + "\": " + error +
                                                 "; " + t.name + " ignored");
@@ -168,12 +172,13 @@ struct Walk {
       const Location* material = tree.find(assigned);
       if (material && material->type == "material")
         m = materialFrom(GroupAttribute(material->attributes.getChildByName("params")), m,
-                         reporter);
+                         reporter, out.textures);
       else
         reporter.warnOnce("material " + assigned,
                           "Material \"" + assigned + "\" is not a material location; using grey");
     }
-    return materialFrom(GroupAttribute(attrs.getChildByName("material.params")), m, reporter);
+    return materialFrom(GroupAttribute(attrs.getChildByName("material.params")), m, reporter,
+                        out.textures);
   }
 
   void addLight(const std::string& path, const GroupAttribute& attrs, const Transform& world) {

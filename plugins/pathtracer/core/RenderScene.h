@@ -111,6 +111,7 @@ class RenderScene {
   // The width a camera pixel covers at distance d: a + b d.
   float footprintAt0 = 0, footprintPerDistance = 0;
   std::vector<Material> materials;
+  std::vector<std::shared_ptr<const Texture>> textures;  // what the materials read
   bool hasEmitters = false;  // some material emits
   // Shared with the scene it was rebuilt from when geometry did not change.
   std::shared_ptr<const struct Geometry> geometry;

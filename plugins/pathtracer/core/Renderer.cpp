@@ -61,7 +61,7 @@ void Renderer::startOverLocked() {
   samplesDone = 0;
   latest.clear();
   if (compiled->settings.valid)
-    publisher.resize(compiled->settings.width, compiled->settings.height, compiled->layout.names);
+    publisher.resize(compiled->settings.width, compiled->settings.height, compiled->layout);
   // A deeper first pass would keep the new state off screen for longer.
   previewPending = compiled->settings.maxDepth > kPreviewDepth;
   ++generation;
