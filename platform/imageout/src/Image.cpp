@@ -123,6 +123,7 @@ bool Image::passDone() {
 }
 
 bool Image::take(TakenPass& pass) {
+  if (base == nullptr) return false;  // never wanted: nothing was kept
   RegionReader reader(header());
   unsigned index;
   RegionSlotTags tags;

@@ -39,7 +39,7 @@ class Image {
   bool want(std::string& error);
   void unwant() { wanted.store(false, std::memory_order_release); }
   bool take(TakenPass& pass);
-  bool sleep() { return RegionReader(header()).sleep(); }
+  bool sleep() { return base == nullptr || RegionReader(header()).sleep(); }
 
   const ImageDescription description;
   std::atomic<bool> closed{false};
