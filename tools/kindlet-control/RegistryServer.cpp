@@ -202,9 +202,15 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
     if (ring && !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
       return;
     if (ring) table.back().ring = std::move(ring);
-    if (images && registration.images)
-      sendTo(table.size() - 1, std::make_shared<const std::string>(
-                                   protocol::encodeImagesWanted(images->imageConsumer().wanted())));
+    if (images && registration.images &&
+        !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeImagesWanted(
+                                      images->imageConsumer().wanted()))))
+      return;
+    if (replay) {
+      size_t& had = updatesHad[sessionKey(registration)];
+      for (; had < updates.size(); ++had)
+        if (!sendTo(table.size() - 1, updates[had])) return;
+    }
   } else if (kind == protocol::kRegionMapped) {
     for (Session& session : table)
       if (session.identity == identity && session.ring) session.ringMapped = true;
@@ -356,12 +362,20 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
   return true;
 }
 
+std::string RegistryServer::sessionKey(const Registration& registration) {
+  return std::to_string(registration.pid) + "/" + registration.sessionName;
+}
+
 size_t RegistryServer::send(const Message& message, const long* target) {
+  const bool kept = replay && target == nullptr && !message->empty() &&
+                    static_cast<unsigned char>((*message)[0]) == protocol::kUpdate;
+  if (kept) updates.push_back(message);
   size_t reached = 0;
   for (size_t i = 0; i < table.size();) {
     if (target != nullptr && table[i].registration.sequenceID != *target) {
       ++i;
     } else if (sendTo(i, message)) {
+      if (kept) updatesHad[sessionKey(table[i].registration)] = updates.size();
       ++reached;
       ++i;
     }
