@@ -206,11 +206,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
         !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeImagesWanted(
                                       images->imageConsumer().wanted()))))
       return;
-    if (replay) {
-      size_t& had = updatesHad[sessionKey(registration)];
-      for (; had < updates.size(); ++had)
-        if (!sendTo(table.size() - 1, updates[had])) return;
-    }
+    if (replay && !(images && registration.images)) replayTo(table.size() - 1);
   } else if (kind == protocol::kRegionMapped) {
     for (Session& session : table)
       if (session.identity == identity && session.ring) session.ringMapped = true;
@@ -223,6 +219,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       break;
     }
   } else if (images && kind >= protocol::kImageHello && kind <= protocol::kImageClose) {
+    if (replay) replayOnFirstPass(identity, message);
     const std::string answer = images->handle(identity, message);
     if (!answer.empty() && trySend(identity, answer.data(), answer.size(), nullptr) != Outcome::Sent)
       std::cerr << "kindlet-control: an image connection did not take its answer" << std::endl;
@@ -362,6 +359,30 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
   return true;
 }
 
+void RegistryServer::replayOnFirstPass(const std::string& identity, const std::string& message) {
+  const unsigned kind = static_cast<unsigned char>(message[0]);
+  ImageSource hello;
+  std::string error;
+  if (kind == protocol::kImageHello && protocol::decodeImageHello(message.data(), message.size(), hello, error))
+    replayDue[identity] = std::to_string(hello.pid) + "/" + hello.sessionName;
+  auto due = replayDue.find(identity);
+  if (kind != protocol::kImagePass || due == replayDue.end()) return;
+  for (size_t i = 0; i < table.size(); ++i)
+    if (sessionKey(table[i].registration) == due->second) {
+      replayTo(i);
+      break;
+    }
+  replayDue.erase(due);
+}
+
+void RegistryServer::replayTo(size_t index) {
+  size_t& had = updatesHad[sessionKey(table[index].registration)];
+  while (had < updates.size()) {
+    const Message& next = updates[had++];
+    if (!sendTo(index, next)) return;
+  }
+}
+
 std::string RegistryServer::sessionKey(const Registration& registration) {
   return std::to_string(registration.pid) + "/" + registration.sessionName;
 }
@@ -372,10 +393,14 @@ size_t RegistryServer::send(const Message& message, const long* target) {
   if (kept) updates.push_back(message);
   size_t reached = 0;
   for (size_t i = 0; i < table.size();) {
+    size_t* had = kept ? &updatesHad[sessionKey(table[i].registration)] : nullptr;
     if (target != nullptr && table[i].registration.sequenceID != *target) {
       ++i;
+    } else if (had != nullptr && *had + 1 < updates.size()) {
+      ++reached;  // waits for its replay, which brings this one too, in order
+      ++i;
     } else if (sendTo(i, message)) {
-      if (kept) updatesHad[sessionKey(table[i].registration)] = updates.size();
+      if (had != nullptr) *had = updates.size();
       ++reached;
       ++i;
     }

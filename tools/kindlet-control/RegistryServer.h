@@ -101,7 +101,9 @@ class RegistryServer {
 
   // Keeps every update sent to all sessions and sends those a session has not
   // had, in order, when it registers: a kindlet that joins one view late
-  // renders the same scene state as the others.
+  // renders the same scene state as the others. kindlet applies what comes
+  // before its live loop begins only with the next delivery, so a session
+  // that sends images gets them with its first pass, which comes from that loop.
   void replayUpdates() { replay = true; }
 
   // poll() also returns as soon as `fd` is readable (-1: none); the caller
@@ -159,6 +161,9 @@ class RegistryServer {
   bool replay = false;
   std::vector<Message> updates;                 // sent to all, oldest first (replay only)
   std::map<std::string, size_t> updatesHad;     // how many of them, by "<pid>/<session>"
+  std::map<std::string, std::string> replayDue;  // image connection -> session waiting for them
+  void replayTo(size_t index);
+  void replayOnFirstPass(const std::string& identity, const std::string& message);
   struct Retired {
     Morrigo::Selvane::LiveRendering::Registration registration;
     std::unique_ptr<StreamRing> ring;
