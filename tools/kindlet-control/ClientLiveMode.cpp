@@ -14,6 +14,7 @@
 #include "RegistryServer.h"
 #include "RenderOptions.h"
 #include "Script.h"
+#include "SlurmKindlets.h"
 #include "viewer/Viewer.h"
 
 namespace KindletControl {
@@ -189,8 +190,13 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     renders.killAll();
     return renders.report();
   }
+  SlurmKindlets slurm;  // cancelled on the way out
+  if (options.slurm && !slurm.submit(options.kindlets, "127.0.0.1", port, options.kindletOptions))
+    return 2;
   const size_t wanted =
-      options.start ? static_cast<size_t>(options.kindlets > 0 ? options.kindlets : options.renders) : 1;
+      options.start || options.slurm
+          ? static_cast<size_t>(options.kindlets > 0 ? options.kindlets : options.renders)
+          : 1;
   const bool registered = serveUntil(poll, options.connectTimeout, [&] {
     return registry.sessions().size() >= wanted || (renders.any() && renders.anyEnded());
   });

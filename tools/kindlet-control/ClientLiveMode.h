@@ -18,6 +18,7 @@ struct ClientLiveOptions {
   // the samples (-sampleOffset k -sampleStride N), every update goes to all and
   // to those that register later, and their images are merged (merge/ImageMerge.h).
   int kindlets = 0;
+  bool slurm = false;  // submit the kindlets as a Slurm array job instead of starting them
   bool start = false;
   std::string kindlet;              // empty: the one beside this program
   double connectTimeout = 60;       // for the registrations

@@ -33,6 +33,7 @@ const char usage[] =
     "  --kindlets N         one view on N kindlets (with --start: started with\n"
     "                       -sampleOffset 0..N-1 -sampleStride N); their images are\n"
     "                       merged, every update also goes to those that join later\n"
+    "  --slurm              with --kindlets: submit them as a Slurm array job instead\n"
     "  --legacy-tcp         feed kindlet over the two TCP channels instead:\n"
     "  --control-port N     port of the control channel (default 0: a free one)\n"
     "  --data-port N        port of the data channel (default 0: a free one)\n"
@@ -92,6 +93,10 @@ bool parseOptions(int argc, char** argv, Options& options) {
     }
     if (option == "--start") {
       options.start = options.client.start = true;
+      continue;
+    }
+    if (option == "--slurm") {
+      options.client.slurm = true;
       continue;
     }
     if (option == "--legacy-tcp") {
@@ -211,6 +216,10 @@ int runLiveMode(int argc, char** argv) {
     }
   }
   std::istream& script = scriptFile->is_open() ? *scriptFile : std::cin;
+  if (options.client.slurm && (options.client.kindlets == 0 || options.start)) {
+    std::cerr << "kindlet-control: --slurm needs --kindlets N and no --start" << std::endl;
+    return 2;
+  }
   if (options.client.kindlets > 0 && (options.legacyTcp || options.client.renders > 1)) {
     std::cerr << "kindlet-control: --kindlets is one view: not with --renders or --legacy-tcp" << std::endl;
     return 2;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 #include <thread>
 
@@ -27,6 +28,22 @@ const std::chrono::microseconds kRegionRetry(100);
 // A client reading from its region has mapped this process's memory, so it
 // runs on this machine, under the pid it registered with.
 bool processGone(long pid) { return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH; }
+
+// The same, or ended and not yet reaped by its parent (this program, for a
+// kindlet it started and has not waited for yet).
+bool processEnded(long pid) {
+  if (processGone(pid)) return true;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const size_t name = line.rfind(')');
+  return name != std::string::npos && name + 2 < line.size() && line[name + 2] == 'Z';
+}
+
+// How often a session that sends nothing is looked at: a client that has
+// mapped its region lives on this machine, and one that died without a
+// goodbye would otherwise be noticed only when something is sent to it.
+const std::chrono::milliseconds kLivenessEvery(250);
 
 void releaseMessage(void*, void* hint) { delete static_cast<Message*>(hint); }
 
@@ -308,6 +325,9 @@ void RegistryServer::flush() {
     else
       it = farewells.erase(it);  // sent, or nobody left to tell
   }
+  const auto now = std::chrono::steady_clock::now();
+  const bool lookAtIdle = now - livenessChecked >= kLivenessEvery;
+  if (lookAtIdle) livenessChecked = now;
   for (size_t i = 0; i < table.size();) {
     Session& session = table[i];
     Outcome outcome = Outcome::Sent;
@@ -319,7 +339,8 @@ void RegistryServer::flush() {
     }
     // Records in a region reach a client whether it lives or not: ask the
     // system instead of the socket.
-    if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid))) {
+    if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid)) ||
+        (lookAtIdle && session.ringMapped && processEnded(session.registration.pid))) {
       giveUp(i, "is gone", "");
     } else {
       ++i;

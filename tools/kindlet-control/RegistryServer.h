@@ -161,6 +161,7 @@ class RegistryServer {
   bool replay = false;
   std::vector<Message> updates;                 // sent to all, oldest first (replay only)
   std::map<std::string, size_t> updatesHad;     // how many of them, by "<pid>/<session>"
+  std::chrono::steady_clock::time_point livenessChecked;
   std::map<std::string, std::string> replayDue;  // image connection -> session waiting for them
   void replayTo(size_t index);
   void replayOnFirstPass(const std::string& identity, const std::string& message);
