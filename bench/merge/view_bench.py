@@ -27,7 +27,8 @@ rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 3
 edits = int(sys.argv[4]) if len(sys.argv) > 4 else 10
 k = int(sys.argv[5]) if len(sys.argv) > 5 else 8
 scene = root + "/share/kindlet/examples/pathtracer/wuson.optree.json"
-work = tempfile.mkdtemp(prefix="view-bench-")
+work = tempfile.mkdtemp(prefix="view-bench-")  # also the scene's image files (relative paths)
+os.chdir(work)
 PASS = re.compile(r"image beauty of session (\S+) sequenceID \d+: pass \d+, (\d+) samples, "
                   r"scene state (\d+)")
 
@@ -40,7 +41,7 @@ def live(kindlets):
         + view + ["--", "-selvaneRoot", root, "-tempDir", work, "-arbolite3OpTree", scene,
                   "-renderer", "pathtracer", "-renderMethodName", "liveRender",
                   "-samples", "1000000", "-threads", "1"],
-        stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+        stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, cwd=work,
         env=dict(os.environ, SELVANE_LOG_LEVEL="debug"), text=True)
     passes = []  # (time, samples, state)
     arrived = threading.Condition()
