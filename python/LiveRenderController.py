@@ -52,6 +52,7 @@ import time
 import zmq
 
 import LiveRenderImages
+import LiveRenderMerge
 
 __all__ = ["Registry", "Session", "REGISTER", "BYE", "REGISTERED", "UPDATE", "COMMAND",
            "REGION", "SHARED_UPDATE", "GIVEN_UP"]
@@ -142,7 +143,7 @@ class Registry(object):
 
     def __init__(self, port=0, host="127.0.0.1", backlogLimit=256 << 20, images=None,
                  onImage=None, maxSessions=128, maxSessionsPerConnection=1,
-                 maxMessageBytes=2 << 30):
+                 maxMessageBytes=2 << 30, merge=False):
         self._context = zmq.Context()
         self._socket = self._context.socket(zmq.ROUTER)
         # A full connection refuses a message (which then waits in the
@@ -164,7 +165,14 @@ class Registry(object):
         # Shared memory reaches only clients on this machine.
         self._local = host.startswith("127.") or host == "localhost"
         # The names of the images to ask for ("*": all), what came of them.
-        self._images = LiveRenderImages.ImageStore(images, onImage)
+        self._images = LiveRenderImages.ImageStore(
+            images, onImage, LiveRenderMerge.ImageMerge if merge else None)
+        # One view on several kindlets: updates sent to all are kept for those
+        # that register later (see _replayTo).
+        self._merge = merge
+        self._updates = []
+        self._updatesHad = {}    # (pid, session) -> how many of _updates it was sent
+        self._replayDue = {}     # image connection -> (pid, session) waiting for its first pass
 
     def close(self, flushTimeout=2.0):
         """Gives the backlogs up to `flushTimeout` seconds to leave, then
@@ -233,8 +241,11 @@ class Registry(object):
         reached. A large one goes through the shared region of each session
         that has one."""
         data = update.getBinary() if hasattr(update, "getBinary") else bytes(update)
-        return self._send(struct.pack("<BI", UPDATE, len(data)) + data, sequenceID,
-                          data if len(data) >= SHARED_FROM else None)
+        message = struct.pack("<BI", UPDATE, len(data)) + data
+        if self._merge and sequenceID is None:
+            self._updates.append((message, data if len(data) >= SHARED_FROM else None))
+        return self._send(message, sequenceID, data if len(data) >= SHARED_FROM else None,
+                          kept=self._merge and sequenceID is None)
 
     def sendCommand(self, text, sequenceID=None):
         """Sends a control command; "stopLiveEditing" ends the live render."""
@@ -250,16 +261,33 @@ class Registry(object):
         to or waits for."""
         return self._send(message, sequenceID, None)
 
-    def _send(self, message, sequenceID, sharedBody):
+    def _send(self, message, sequenceID, sharedBody, kept=False):
         self.poll(0)
         reached = 0
         for session in list(self.sessions):
             if sequenceID is not None and session.sequenceID != sequenceID:
                 continue
+            key = (session.pid, session.name)
+            if kept and self._updatesHad.get(key, 0) + 1 < len(self._updates):
+                reached += 1  # waits for its replay, which brings this one too, in order
+                continue
             named = session.ring.place(sharedBody) if session.ringMapped and sharedBody else None
             if self._sendTo(session, named or message):
                 reached += 1
+                if kept:
+                    self._updatesHad[key] = len(self._updates)
         return reached
+
+    def _replayTo(self, session):
+        """The updates sent to all that `session` has not had, in order. kindlet
+        applies what comes before its live loop begins only with the next
+        delivery, so a session that sends images gets them with its first pass."""
+        key = (session.pid, session.name)
+        while self._updatesHad.get(key, 0) < len(self._updates) and session in self.sessions:
+            message, sharedBody = self._updates[self._updatesHad.get(key, 0)]
+            self._updatesHad[key] = self._updatesHad.get(key, 0) + 1
+            named = session.ring.place(sharedBody) if session.ringMapped and sharedBody else None
+            self._sendTo(session, named or message)
 
     def _trySend(self, session, message):
         """True when sent, False when the connection is full; a session that
@@ -337,6 +365,8 @@ class Registry(object):
         # connection may have greeted before the registration came.
         if not reregistered:
             self._images.receiver.forget(session.pid, session.name)
+            if self._images.merge:
+                self._images.merge.forget(session.pid, session.name)
         if session.ring:
             session.ring.close()
             session.ring = None
@@ -371,6 +401,8 @@ class Registry(object):
             session.sendsImages = isinstance(registration, dict) and registration.get("images") is True
             if session in self.sessions and session.sendsImages and self._images.wanted:
                 self._sendTo(session, LiveRenderImages.imagesWanted(self._images.wanted))
+            elif self._merge:
+                self._replayTo(session)
         elif message[0] == REGION_MAPPED:
             for session in self.sessions:
                 if session.identity == identity and session.ring:
@@ -417,6 +449,16 @@ class Registry(object):
         return self._images.latest(session, name)
 
     def _handleImageMessage(self, identity, message):
+        if self._merge and message[0] == LiveRenderImages.IMAGE_HELLO:
+            try:
+                session, _, pid = LiveRenderImages.parseHello(message)
+                self._replayDue[identity] = (pid, session)
+            except LiveRenderImages.BadImageMessage:
+                pass  # the receiver says so
+        if self._merge and message[0] == LiveRenderImages.IMAGE_PASS and identity in self._replayDue:
+            due = self._replayDue.pop(identity)
+            for session in [s for s in self.sessions if (s.pid, s.name) == due]:
+                self._replayTo(session)
         answer = self._images.receiver.handle(identity, message)
         if answer is not None:
             try:

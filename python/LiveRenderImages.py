@@ -300,10 +300,12 @@ class ImageStore(object):
     """What a Registry keeps of the images: the newest pass of each image
     (kept after its session ended) and those not yet taken by `take`."""
 
-    def __init__(self, wanted, onImage):
+    def __init__(self, wanted, onImage, merge=None):
         self.wanted = [wanted] if isinstance(wanted, str) else list(wanted or [])
         self.onImage = onImage
-        self.receiver = ImageReceiver(self._arrived)
+        # merge: a LiveRenderMerge.ImageMerge class; what arrives is then the merged view.
+        self.merge = merge(self._arrived) if merge else None
+        self.receiver = ImageReceiver(self.merge.add if self.merge else self._arrived)
         self._latest = collections.OrderedDict()   # (pid, session, name) -> Image, oldest first
         self._untaken = collections.OrderedDict()  # the same, only those not taken
         self._uncalled = []  # passes onImage has not seen yet

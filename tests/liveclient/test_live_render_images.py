@@ -52,6 +52,42 @@ def test_live_path_tracers_send_their_passes_apart(tmp_path):
             assert g.pixels.shape == (240, 320, 3) and g.pixels.min() < g.pixels.max()
 
 
+def test_one_view_on_three_kindlets_with_a_late_joiner(tmp_path):
+    got = []
+    registry = L.Registry(images="beauty", onImage=got.append, merge=True)
+
+    def start(offset):
+        return K.start(ROOT + "/share/kindlet/examples/pathtracer/wuson.optree.json", "pathtracer",
+                       registry=registry, tempDir=str(tmp_path), log=None,
+                       options={"samples": 9, "threads": 1, "sampleOffset": offset,
+                                "sampleStride": 3})
+
+    def waitFor(condition):
+        deadline = time.monotonic() + 60
+        while not condition() and time.monotonic() < deadline:
+            registry.poll(0.05)
+        return condition()
+    kindlets = [start(0), start(1)]
+    try:
+        for k in kindlets:
+            k.waitForSession(timeout=60)
+        assert waitFor(lambda: any(g.samples == 6 for g in got))  # 3 + 3
+        update = A.GroupBuilder()
+        update.set("/root/lights/rim.attributes.xform.translate", A.FloatAttribute([2, 2, -3], 3))
+        registry.sendUpdate(update.build())
+        assert waitFor(lambda: any(g.sceneState == 1 and g.samples == 6 for g in got))
+        kindlets.append(start(2))  # gets the update before its passes count
+        assert waitFor(lambda: any(g.sceneState == 1 and g.samples == 9 for g in got))
+        assert K.stop(kindlets) == ["succeeded"] * 3
+    finally:
+        for k in kindlets:
+            k.kill()
+        registry.close()
+    assert {(g.session, g.sequenceID) for g in got} == {("merged", 0)}
+    states = [g.sceneState for g in got]
+    assert states == sorted(states) and registry.latestImage(0, "beauty") is got[-1]
+
+
 def message(kind, body=b"", length=None):
     body = json.dumps(body).encode() if isinstance(body, dict) else body
     return struct.pack("<BI", kind, len(body) if length is None else length) + body

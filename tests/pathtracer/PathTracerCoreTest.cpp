@@ -7,11 +7,13 @@
 #include <Imath/half.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <tuple>
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "CameraRays.h"
 #include "ImageFile.h"
@@ -121,6 +123,40 @@ TEST(PathTracer, CameraRaysThroughPixelsOfAPacket) {
       for (int k = 0; k < 8; ++k) EXPECT_NEAR(got[k], expected[k], 1e-5f) << projection << i << k;
     }
   }
+}
+
+// Kindlets that split the sample sequence by offset and stride render
+// disjoint samples: their sample-weighted mean is the image of the whole
+// sequence, which it would not be if any sample were rendered twice.
+TEST(PathTracer, SampleSharesMergeIntoTheWholeSequence) {
+  // A floor in the cube's shadow makes every sample differ.
+  const std::string lit = std::string(kUnitCube) + ", " + kCamera + R"(, {"name": "sky",
+      "type": "light", "attributes": {"material": {"lightShader": "domeLight"}}},
+      {"name": "floor", "type": "polymesh", "attributes": {"geometry": {
+        "point": {"P": [-9.0,-1.5,-9.0, 9.0,-1.5,-9.0, 9.0,-1.5,9.0, -9.0,-1.5,9.0]},
+        "poly": {"faceCounts": [4], "vertexList": [3,2,1,0]}}}})";
+  auto render = [&](int offset, int stride, int* samples) {
+    RendererOptions options = quiet();
+    options.sampleOffset = offset;
+    options.sampleStride = stride;
+    Renderer renderer(options);
+    renderer.load(sceneOf(R"({"resolution": [24, 24], "samples": 5})", lit));
+    renderer.renderBatch();
+    return renderer.image(nullptr, samples);
+  };
+  int whole = 0, first = 0, second = 0;
+  const std::vector<float> all = render(0, 1, &whole), a = render(0, 2, &first),
+                           b = render(1, 2, &second);
+  ASSERT_EQ(std::make_tuple(whole, first, second), std::make_tuple(5, 3, 2));
+  double worst = 0;
+  for (size_t i = 0; i < all.size(); ++i)
+    worst = std::max(worst, std::abs((3.0 * a[i] + 2.0 * b[i]) / 5.0 - all[i]));
+  EXPECT_LT(worst, 1e-4);
+  EXPECT_NE(a, b);
+  RendererOptions bad;
+  bad.sampleOffset = 2;
+  bad.sampleStride = 2;
+  EXPECT_NE(shareError(bad), "");
 }
 
 TEST(PathTracer, MeshFilesLoadWithTheirTriangleCounts) {

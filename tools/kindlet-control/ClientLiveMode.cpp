@@ -8,11 +8,13 @@
 #include <memory>
 
 #include "ImageFiles.h"
+#include "merge/ImageMerge.h"
 #include "Launcher.h"
 #include "LineFeed.h"
 #include "RegistryServer.h"
 #include "RenderOptions.h"
 #include "Script.h"
+#include "SlurmKindlets.h"
 #include "viewer/Viewer.h"
 
 namespace KindletControl {
@@ -33,9 +35,13 @@ class Renders {
 
   // False when one did not start (its end is then reported by report()).
   bool start(unsigned short registryPort) {
-    for (int i = 1; i <= options.renders; ++i) {
+    const int count = options.kindlets > 0 ? options.kindlets : options.renders;
+    for (int i = 1; i <= count; ++i) {
       std::vector<std::string> arguments = registryArguments("127.0.0.1", registryPort);
-      if (options.renders > 1) {
+      if (options.kindlets > 0) {
+        arguments.insert(arguments.end(), {"-sampleOffset", std::to_string(i - 1), "-sampleStride",
+                                           std::to_string(options.kindlets)});
+      } else if (options.renders > 1) {
         arguments.push_back("-sequenceID");
         arguments.push_back(std::to_string(i));
       }
@@ -143,6 +149,7 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     imageFiles.reset(new ImageFiles(options.imagesDirectory));
   }
   std::unique_ptr<Viewer> viewer;  // outlives the registry, which hands it passes
+  std::unique_ptr<ImageMerge> merge;  // likewise; one view on several kindlets
   RegistryLimits limits;
   limits.sessions = options.maxSessions;
   limits.sessionsPerConnection = options.maxSessionsPerConnection;
@@ -160,11 +167,15 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
       std::cerr << "kindlet-control: --view: " << error << std::endl;
       return 2;
     }
-    registry.receiveImages(viewer->consumer());
     registry.alsoWakeOn(viewer->wakeFd());
-  } else if (imageFiles) {
-    registry.receiveImages(*imageFiles);
   }
+  ImageConsumer* images = viewer ? &viewer->consumer() : imageFiles.get();
+  if (images && options.kindlets > 0) {
+    merge.reset(new ImageMerge(*images, std::cerr));
+    images = merge.get();
+  }
+  if (images) registry.receiveImages(*images);
+  if (options.kindlets > 0) registry.replayUpdates();
   auto poll = [&](int milliseconds) {
     registry.poll(milliseconds);
     if (viewer) viewer->serve(registry);
@@ -179,7 +190,13 @@ int runClientLiveMode(const ClientLiveOptions& options, std::istream& script) {
     renders.killAll();
     return renders.report();
   }
-  const size_t wanted = options.start ? static_cast<size_t>(options.renders) : 1;
+  SlurmKindlets slurm;  // cancelled on the way out
+  if (options.slurm && !slurm.submit(options.kindlets, "127.0.0.1", port, options.kindletOptions))
+    return 2;
+  const size_t wanted =
+      options.start || options.slurm
+          ? static_cast<size_t>(options.kindlets > 0 ? options.kindlets : options.renders)
+          : 1;
   const bool registered = serveUntil(poll, options.connectTimeout, [&] {
     return registry.sessions().size() >= wanted || (renders.any() && renders.anyEnded());
   });

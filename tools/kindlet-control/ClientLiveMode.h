@@ -14,6 +14,11 @@ namespace KindletControl {
 struct ClientLiveOptions {
   unsigned short registryPort = 0;  // 0: a free one
   int renders = 1;                  // kindlets to start; several get -sequenceID 1..N
+  // One view on this many kindlets (0: off): started ones get their share of
+  // the samples (-sampleOffset k -sampleStride N), every update goes to all and
+  // to those that register later, and their images are merged (merge/ImageMerge.h).
+  int kindlets = 0;
+  bool slurm = false;  // submit the kindlets as a Slurm array job instead of starting them
   bool start = false;
   std::string kindlet;              // empty: the one beside this program
   double connectTimeout = 60;       // for the registrations

@@ -30,6 +30,10 @@ const char usage[] =
     "       kindlet-control render [--registry HOST:PORT] [--report-fd N] -- kindlet options...\n"
     "  --registry-port N    port of the service registry (default 0: a free one)\n"
     "  --renders N          start N kindlets, with -sequenceID 1..N (default 1)\n"
+    "  --kindlets N         one view on N kindlets (with --start: started with\n"
+    "                       -sampleOffset 0..N-1 -sampleStride N); their images are\n"
+    "                       merged, every update also goes to those that join later\n"
+    "  --slurm              with --kindlets: submit them as a Slurm array job instead\n"
     "  --legacy-tcp         feed kindlet over the two TCP channels instead:\n"
     "  --control-port N     port of the control channel (default 0: a free one)\n"
     "  --data-port N        port of the data channel (default 0: a free one)\n"
@@ -91,6 +95,10 @@ bool parseOptions(int argc, char** argv, Options& options) {
       options.start = options.client.start = true;
       continue;
     }
+    if (option == "--slurm") {
+      options.client.slurm = true;
+      continue;
+    }
     if (option == "--legacy-tcp") {
       options.legacyTcp = true;
       continue;
@@ -116,6 +124,9 @@ bool parseOptions(int argc, char** argv, Options& options) {
     } else if (option == "--renders" && parseNumber(value, number) && number >= 1 &&
                number <= 64) {
       options.client.renders = static_cast<int>(number);
+    } else if (option == "--kindlets" && parseNumber(value, number) && number >= 1 &&
+               number <= 128) {
+      options.client.kindlets = static_cast<int>(number);
     } else if ((option == "--control-port" || option == "--data-port") &&
                parseNumber(value, number) && number <= 65535) {
       (option == "--control-port" ? options.controlPort : options.dataPort) =
@@ -205,6 +216,14 @@ int runLiveMode(int argc, char** argv) {
     }
   }
   std::istream& script = scriptFile->is_open() ? *scriptFile : std::cin;
+  if (options.client.slurm && (options.client.kindlets == 0 || options.start)) {
+    std::cerr << "kindlet-control: --slurm needs --kindlets N and no --start" << std::endl;
+    return 2;
+  }
+  if (options.client.kindlets > 0 && (options.legacyTcp || options.client.renders > 1)) {
+    std::cerr << "kindlet-control: --kindlets is one view: not with --renders or --legacy-tcp" << std::endl;
+    return 2;
+  }
   if (!options.legacyTcp) return runClientLiveMode(options.client, script);
   if (options.client.view) {
     std::cerr << "kindlet-control: --view needs the live-render client, not --legacy-tcp" << std::endl;

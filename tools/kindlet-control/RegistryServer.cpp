@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 #include <thread>
 
@@ -27,6 +28,22 @@ const std::chrono::microseconds kRegionRetry(100);
 // A client reading from its region has mapped this process's memory, so it
 // runs on this machine, under the pid it registered with.
 bool processGone(long pid) { return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH; }
+
+// The same, or ended and not yet reaped by its parent (this program, for a
+// kindlet it started and has not waited for yet).
+bool processEnded(long pid) {
+  if (processGone(pid)) return true;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const size_t name = line.rfind(')');
+  return name != std::string::npos && name + 2 < line.size() && line[name + 2] == 'Z';
+}
+
+// How often a session that sends nothing is looked at: a client that has
+// mapped its region lives on this machine, and one that died without a
+// goodbye would otherwise be noticed only when something is sent to it.
+const std::chrono::milliseconds kLivenessEvery(250);
 
 void releaseMessage(void*, void* hint) { delete static_cast<Message*>(hint); }
 
@@ -209,9 +226,11 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
     if (ring && !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeRegion(ring->path()))))
       return;
     if (ring) table.back().ring = std::move(ring);
-    if (images && registration.images)
-      sendTo(table.size() - 1, std::make_shared<const std::string>(
-                                   protocol::encodeImagesWanted(images->imageConsumer().wanted(), true)));
+    if (images && registration.images &&
+        !sendTo(table.size() - 1, std::make_shared<const std::string>(protocol::encodeImagesWanted(
+                                      images->imageConsumer().wanted(), true))))
+      return;
+    if (replay && !(images && registration.images)) replayTo(table.size() - 1);
   } else if (kind == protocol::kRegionMapped) {
     for (Session& session : table)
       if (session.identity == identity && session.ring) session.ringMapped = true;
@@ -224,6 +243,7 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       break;
     }
   } else if (images && kind >= protocol::kImageHello && kind <= protocol::kImageClose) {
+    if (replay) replayOnFirstPass(identity, message);
     const std::string answer = images->handle(identity, message);
     if (!answer.empty() && trySend(identity, answer.data(), answer.size(), nullptr) != Outcome::Sent)
       std::cerr << "kindlet-control: an image connection did not take its answer" << std::endl;
@@ -312,6 +332,9 @@ void RegistryServer::flush() {
     else
       it = farewells.erase(it);  // sent, or nobody left to tell
   }
+  const auto now = std::chrono::steady_clock::now();
+  const bool lookAtIdle = now - livenessChecked >= kLivenessEvery;
+  if (lookAtIdle) livenessChecked = now;
   for (size_t i = 0; i < table.size();) {
     Session& session = table[i];
     Outcome outcome = Outcome::Sent;
@@ -323,7 +346,8 @@ void RegistryServer::flush() {
     }
     // Records in a region reach a client whether it lives or not: ask the
     // system instead of the socket.
-    if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid))) {
+    if (outcome == Outcome::Gone || (session.inRegion && processGone(session.registration.pid)) ||
+        (lookAtIdle && session.ringMapped && processEnded(session.registration.pid))) {
       giveUp(i, "is gone", "");
     } else {
       ++i;
@@ -363,12 +387,48 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
   return true;
 }
 
+void RegistryServer::replayOnFirstPass(const std::string& identity, const std::string& message) {
+  const unsigned kind = static_cast<unsigned char>(message[0]);
+  ImageSource hello;
+  std::string error;
+  if (kind == protocol::kImageHello && protocol::decodeImageHello(message.data(), message.size(), hello, error))
+    replayDue[identity] = std::to_string(hello.pid) + "/" + hello.sessionName;
+  auto due = replayDue.find(identity);
+  if (kind != protocol::kImagePass || due == replayDue.end()) return;
+  for (size_t i = 0; i < table.size(); ++i)
+    if (sessionKey(table[i].registration) == due->second) {
+      replayTo(i);
+      break;
+    }
+  replayDue.erase(due);
+}
+
+void RegistryServer::replayTo(size_t index) {
+  size_t& had = updatesHad[sessionKey(table[index].registration)];
+  while (had < updates.size()) {
+    const Message& next = updates[had++];
+    if (!sendTo(index, next)) return;
+  }
+}
+
+std::string RegistryServer::sessionKey(const Registration& registration) {
+  return std::to_string(registration.pid) + "/" + registration.sessionName;
+}
+
 size_t RegistryServer::send(const Message& message, const long* target) {
+  const bool kept = replay && target == nullptr && !message->empty() &&
+                    static_cast<unsigned char>((*message)[0]) == protocol::kUpdate;
+  if (kept) updates.push_back(message);
   size_t reached = 0;
   for (size_t i = 0; i < table.size();) {
+    size_t* had = kept ? &updatesHad[sessionKey(table[i].registration)] : nullptr;
     if (target != nullptr && table[i].registration.sequenceID != *target) {
       ++i;
+    } else if (had != nullptr && *had + 1 < updates.size()) {
+      ++reached;  // waits for its replay, which brings this one too, in order
+      ++i;
     } else if (sendTo(i, message)) {
+      if (had != nullptr) *had = updates.size();
       ++reached;
       ++i;
     }

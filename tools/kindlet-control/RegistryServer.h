@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -98,6 +99,13 @@ class RegistryServer {
   // wants and hands it their passes (on the thread that polls).
   void receiveImages(ImageConsumer& consumer) { images.reset(new ImageReceiver(consumer)); }
 
+  // Keeps every update sent to all sessions and sends those a session has not
+  // had, in order, when it registers: a kindlet that joins one view late
+  // renders the same scene state as the others. kindlet applies what comes
+  // before its live loop begins only with the next delivery, so a session
+  // that sends images gets them with its first pass, which comes from that loop.
+  void replayUpdates() { replay = true; }
+
   // poll() also returns as soon as `fd` is readable (-1: none); the caller
   // reads it.
   void alsoWakeOn(int fd) { wakeFd = fd; }
@@ -138,6 +146,7 @@ class RegistryServer {
   std::string refusal(const std::string& identity,
                       const Morrigo::Selvane::LiveRendering::Registration& registration) const;
   void forgetImages(const Session& session);
+  static std::string sessionKey(const Morrigo::Selvane::LiveRendering::Registration& registration);
 
   const size_t backlogLimit;
   const bool streamInRegion;
@@ -149,6 +158,13 @@ class RegistryServer {
   int wakeFd = -1;
   std::vector<Session> table;
   std::unique_ptr<ImageReceiver> images;
+  bool replay = false;
+  std::vector<Message> updates;                 // sent to all, oldest first (replay only)
+  std::map<std::string, size_t> updatesHad;     // how many of them, by "<pid>/<session>"
+  std::chrono::steady_clock::time_point livenessChecked;
+  std::map<std::string, std::string> replayDue;  // image connection -> session waiting for them
+  void replayTo(size_t index);
+  void replayOnFirstPass(const std::string& identity, const std::string& message);
   struct Retired {
     Morrigo::Selvane::LiveRendering::Registration registration;
     std::unique_ptr<StreamRing> ring;

@@ -19,6 +19,8 @@ RendererOptions optionsFrom(const GroupAttribute& arguments) {
   options.threads = std::atoi(text(arguments.getChildByName("threads"), "0").c_str());
   options.samples = std::atoi(text(arguments.getChildByName("samples"), "0").c_str());
   options.output = text(arguments.getChildByName("outputImage"));
+  options.sampleOffset = std::atoi(text(arguments.getChildByName("sampleOffset"), "0").c_str());
+  options.sampleStride = std::atoi(text(arguments.getChildByName("sampleStride"), "1").c_str());
   return options;
 }
 
@@ -30,6 +32,7 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
       : iterator(XoScenegraphIterator::fromHandle(scene)),
         live(text(GroupAttribute(Attribute::fromHandle(arguments))
                       .getChildByName("renderMethodType")) == "liveRender"),
+        optionError(shareError(optionsFrom(GroupAttribute(Attribute::fromHandle(arguments))))),
         renderer(optionsFrom(GroupAttribute(Attribute::fromHandle(arguments)))) {}
 
   int32_t setSceneIterator(XoSgIteratorStruct* scene) {
@@ -41,6 +44,10 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
   int32_t start() {
     if (!iterator.isValid()) {
       PT_ERROR("No scene to render");
+      return -1;
+    }
+    if (!optionError.empty()) {
+      PT_ERROR(optionError);
       return -1;
     }
     // Reported on our channel rather than left to kindlet's catch-all.
@@ -106,6 +113,7 @@ class PathTracerPlugin : public Rendering::XoRendererPluginBase {
  private:
   XoScenegraphIterator iterator;
   const bool live;
+  const std::string optionError;  // of the options; start() fails with it
   Renderer renderer;  // last: its threads stop before the rest goes
 };
 

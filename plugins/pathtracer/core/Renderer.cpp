@@ -20,6 +20,20 @@ int arenaSize(int threads) {
 
 }  // namespace
 
+std::string shareError(const RendererOptions& options) {
+  if (options.sampleStride < 1 || options.sampleOffset < 0 ||
+      options.sampleOffset >= options.sampleStride)
+    return "Invalid sample share: -sampleOffset " + std::to_string(options.sampleOffset) +
+           " -sampleStride " + std::to_string(options.sampleStride) +
+           ": expected a stride of at least 1 and an offset from 0 to the stride less 1";
+  return "";
+}
+
+int Renderer::sharePasses(int samples) const {
+  if (samples <= options.sampleOffset) return 0;
+  return (samples - options.sampleOffset + options.sampleStride - 1) / options.sampleStride;
+}
+
 Renderer::Renderer(RendererOptions options_)
     : options(std::move(options_)), arena(arenaSize(options.threads)) {
   device = rtcNewDevice(nullptr);
@@ -74,7 +88,7 @@ std::string Renderer::outputPath() const {
 
 std::vector<float> Renderer::average(int samples) const {
   std::vector<float> pixels(sums.size());
-  const float scale = 1.0f / float(samples);
+  const float scale = samples > 0 ? 1.0f / float(samples) : 0.0f;  // an empty share
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = sums[i] * scale;
   return pixels;
 }
@@ -119,21 +133,22 @@ bool Renderer::renderBatch() {
                        << " samples per pixel, " << compiled->triangleCount() << " triangles");
   const std::atomic<bool> never{false};
   int reported = 0;  // in tenths
-  for (int sample = 0; sample < s.samples; ++sample) {
-    renderPass(*compiled, sample, sums, arena, never);
+  const int passes = sharePasses(s.samples);
+  for (int sample = 0; sample < passes; ++sample) {
+    renderPass(*compiled, sampleIndex(sample), sums, arena, never);
     if (publisher.wanted()) publisher.publish(average(sample + 1), uint64_t(sample + 1), sceneState);
-    const int tenths = (sample + 1) * 10 / s.samples;
-    if (tenths > reported && sample + 1 < s.samples) {
+    const int tenths = (sample + 1) * 10 / passes;
+    if (tenths > reported && sample + 1 < passes) {
       reported = tenths;
       PT_INFO("Rendered " << tenths * 10 << "%");
     }
   }
-  std::vector<float> pixels = average(s.samples);
+  std::vector<float> pixels = average(passes);
   const bool written = !options.writeImages || writeImage(pixels);
   if (written && options.writeImages) PT_INFO("Wrote image " << outputPath());
   {
     std::lock_guard<std::mutex> lock(stateMutex);
-    samplesDone = s.samples;
+    samplesDone = passes;
     latest = std::move(pixels);
   }
   stateChanged.notify_all();
@@ -175,7 +190,8 @@ void Renderer::liveLoop() {
   for (;;) {
     stateChanged.wait(lock, [&] {
       return stopping || (!paused && compiled->settings.valid &&
-                          (previewPending || (!held && samplesDone < compiled->settings.samples)));
+                          (previewPending ||
+                           (!held && samplesDone < sharePasses(compiled->settings.samples))));
     });
     if (stopping) return;
     busy = true;
@@ -190,7 +206,7 @@ void Renderer::liveLoop() {
       pixels.assign(sums.size(), 0.0f);
       complete = renderPass(*compiled, 0, pixels, arena, cancel, kPreviewDepth);
     } else {
-      complete = renderPass(*compiled, sample, sums, arena, cancel);
+      complete = renderPass(*compiled, sampleIndex(sample), sums, arena, cancel);
       if (complete) pixels = average(sample + 1);
     }
     lock.lock();

@@ -33,7 +33,16 @@ struct RendererOptions {
   // For measurements of the sampling itself.
   LightSampling lightSampling = LightSampling::kBoth;
   bool uniformDome = false;    // the dome image's brightness not used to sample it
+  // This render's share of the sample sequence: indices sampleOffset,
+  // sampleOffset + sampleStride, ... below the scene's samples. Several
+  // kindlets with the same stride and different offsets render disjoint
+  // samples of one image, which a controller merges.
+  int sampleOffset = 0;
+  int sampleStride = 1;
 };
+
+// Why `options` cannot be used ("" when they can).
+std::string shareError(const RendererOptions& options);
 
 class Renderer {
  public:
@@ -84,6 +93,9 @@ class Renderer {
   void recompile(bool reuseGeometry);
   void startOverLocked();  // a new state with an empty image; stateMutex held
   std::vector<float> average(int samples) const;
+  // The passes of this render's share of `samples`, and the sequence index of pass `pass`.
+  int sharePasses(int samples) const;
+  int sampleIndex(int pass) const { return options.sampleOffset + pass * options.sampleStride; }
   bool writeImage(const std::vector<float>& pixels);
   bool writeImageTo(const std::string& path, int width, int height,
                     const std::vector<float>& pixels, const std::vector<std::string>& channels);
