@@ -145,9 +145,11 @@ TEST(ImageEndToEnd, AViewOnSeveralKindletsOutlivesThemWithALateJoiner) {
   kindlettest::readToEnd(control.out);
   const int status = kindlettest::waitFor(control.pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGKILL) << errors;
+  // Each is said to be gone; "left the view" only for one whose passes were
+  // in the image then, which on a loaded machine may be one of the two.
   for (pid_t pid : kindlets)
-    EXPECT_NE(errors.find("pid " + std::to_string(pid) + " left the view"), std::string::npos)
-        << errors;
+    EXPECT_NE(errors.find("pid " + std::to_string(pid) + " is gone"), std::string::npos) << errors;
+  EXPECT_NE(errors.find(" left the view; "), std::string::npos) << errors;
   const int joined = kindlettest::waitFor(joiner.pid);
   EXPECT_TRUE(WIFEXITED(joined) && WEXITSTATUS(joined) == 0);
 }

@@ -82,7 +82,7 @@ std::string ImageReceiver::handle(const std::string& identity, const std::string
     } else {
       pixels = image->second.mapping->data() + pass.slot * open.slotBytes;
     }
-    consumer.pass(channel->source, open, pass, pixels);
+    deliver(*channel, open, pass, pixels);
     return protocol::encodeImageDone(pass.image, pass.pass);
   }
   if (kind == protocol::kImageClose) {
@@ -130,8 +130,7 @@ bool ImageReceiver::takePasses() {
         pass.pass = tags.pass;
         pass.samples = tags.samples;
         pass.sceneState = tags.sceneState;
-        consumer.pass(channel.source, image.open, pass,
-                      image.mapping->data() + slot * image.open.slotBytes);
+        deliver(channel, image.open, pass, image.mapping->data() + slot * image.open.slotBytes);
       } else if (error != nullptr) {
         image.broken = true;
         dropped(&channel, "the region of image " + image.open.name + " " + error);
@@ -141,6 +140,13 @@ bool ImageReceiver::takePasses() {
     }
   }
   return asleep;
+}
+
+void ImageReceiver::deliver(Channel& channel, const ImageOpen& image, const ImagePass& pass,
+                            const unsigned char* pixels) {
+  if (!channel.passSeen && firstPass) firstPass(channel.source);
+  channel.passSeen = true;
+  consumer.pass(channel.source, image, pass, pixels);
 }
 
 void ImageReceiver::closeAll(Channel& channel) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,6 +52,8 @@ class ImageReceiver {
   // meanwhile: call again before sleeping.
   bool takePasses();
   ImageConsumer& imageConsumer() { return consumer; }
+  // Called before the first pass of each image connection reaches the consumer.
+  void onFirstPass(std::function<void(const ImageSource&)> call) { firstPass = std::move(call); }
 
  private:
   struct Image {
@@ -62,11 +65,15 @@ class ImageReceiver {
     ImageSource source;
     std::map<uint32_t, Image> images;
     std::unique_ptr<ImageDoorbell> doorbell;  // for images whose passes we take
+    bool passSeen = false;
   };
+  void deliver(Channel& channel, const ImageOpen& image, const ImagePass& pass,
+               const unsigned char* pixels);
   void closeAll(Channel& channel);
   void dropped(const Channel* channel, const std::string& why) const;
 
   ImageConsumer& consumer;
+  std::function<void(const ImageSource&)> firstPass;
   std::map<std::string, Channel> channels;  // by the routing socket's identity
 };
 

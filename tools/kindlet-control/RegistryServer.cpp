@@ -142,6 +142,7 @@ void RegistryServer::poll(int milliseconds) {
   // Passes taken from the clients' regions; a pass that came meanwhile
   // means looking again at once.
   const bool passesAsleep = !images || images->takePasses();
+  replayDueNow();
   std::vector<zmq_pollitem_t> items = {
       {socket, 0, short(ZMQ_POLLIN | (allWaitForRoom ? ZMQ_POLLOUT : 0)), 0}};
   if (wakeFd >= 0) items.push_back({nullptr, wakeFd, ZMQ_POLLIN, 0});
@@ -155,6 +156,7 @@ void RegistryServer::poll(int milliseconds) {
   const zmq_pollitem_t& item = items[0];
   if (zmq_poll(items.data(), int(items.size()), wait) <= 0 || !(item.revents & ZMQ_POLLIN)) {
     if (images) images->takePasses();
+    replayDueNow();
     if (regionWait && milliseconds != 0) std::this_thread::sleep_for(kRegionRetry);
     flush();
     return;
@@ -243,8 +245,8 @@ void RegistryServer::handle(const std::string& identity, const std::string& mess
       break;
     }
   } else if (images && kind >= protocol::kImageHello && kind <= protocol::kImageClose) {
-    if (replay) replayOnFirstPass(identity, message);
     const std::string answer = images->handle(identity, message);
+    replayDueNow();
     if (!answer.empty() && trySend(identity, answer.data(), answer.size(), nullptr) != Outcome::Sent)
       std::cerr << "kindlet-control: an image connection did not take its answer" << std::endl;
   } else {
@@ -387,20 +389,23 @@ bool RegistryServer::sendTo(size_t index, const Message& message) {
   return true;
 }
 
-void RegistryServer::replayOnFirstPass(const std::string& identity, const std::string& message) {
-  const unsigned kind = static_cast<unsigned char>(message[0]);
-  ImageSource hello;
-  std::string error;
-  if (kind == protocol::kImageHello && protocol::decodeImageHello(message.data(), message.size(), hello, error))
-    replayDue[identity] = std::to_string(hello.pid) + "/" + hello.sessionName;
-  auto due = replayDue.find(identity);
-  if (kind != protocol::kImagePass || due == replayDue.end()) return;
-  for (size_t i = 0; i < table.size(); ++i)
-    if (sessionKey(table[i].registration) == due->second) {
-      replayTo(i);
-      break;
-    }
-  replayDue.erase(due);
+void RegistryServer::receiveImages(ImageConsumer& consumer) {
+  images.reset(new ImageReceiver(consumer));
+  // Replayed once the receiver is done: a replay may give a session up,
+  // which changes what the receiver walks through.
+  images->onFirstPass([this](const ImageSource& source) {
+    if (replay) replayDue.push_back(std::to_string(source.pid) + "/" + source.sessionName);
+  });
+}
+
+void RegistryServer::replayDueNow() {
+  for (const std::string& key : replayDue)
+    for (size_t i = 0; i < table.size(); ++i)
+      if (sessionKey(table[i].registration) == key) {
+        replayTo(i);
+        break;
+      }
+  replayDue.clear();
 }
 
 void RegistryServer::replayTo(size_t index) {

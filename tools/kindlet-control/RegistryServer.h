@@ -97,7 +97,7 @@ class RegistryServer {
 
   // Asks every render that registers from now on for the images `consumer`
   // wants and hands it their passes (on the thread that polls).
-  void receiveImages(ImageConsumer& consumer) { images.reset(new ImageReceiver(consumer)); }
+  void receiveImages(ImageConsumer& consumer);
 
   // Keeps every update sent to all sessions and sends those a session has not
   // had, in order, when it registers: a kindlet that joins one view late
@@ -162,9 +162,9 @@ class RegistryServer {
   std::vector<Message> updates;                 // sent to all, oldest first (replay only)
   std::map<std::string, size_t> updatesHad;     // how many of them, by "<pid>/<session>"
   std::chrono::steady_clock::time_point livenessChecked;
-  std::map<std::string, std::string> replayDue;  // image connection -> session waiting for them
   void replayTo(size_t index);
-  void replayOnFirstPass(const std::string& identity, const std::string& message);
+  std::vector<std::string> replayDue;  // sessions whose first pass came: replay to them
+  void replayDueNow();
   struct Retired {
     Morrigo::Selvane::LiveRendering::Registration registration;
     std::unique_ptr<StreamRing> ring;
